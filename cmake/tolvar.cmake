@@ -1,0 +1,48 @@
+# Helpers shared by every directory of the tree.
+
+# tolvar_library(NAME SOURCES... INCLUDE dir DEPENDS libs... PC_DESC text)
+# Builds a static library, installs it with its headers and a pkg-config file.
+function(tolvar_library name)
+  cmake_parse_arguments(L "" "INCLUDE;DESCRIPTION" "SOURCES;DEPENDS" ${ARGN})
+  add_library(${name} STATIC ${L_SOURCES})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/${L_INCLUDE}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  if(L_DEPENDS)
+    target_link_libraries(${name} PUBLIC ${L_DEPENDS})
+  endif()
+  install(TARGETS ${name} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/${L_INCLUDE}/
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+  set(PC_NAME ${name})
+  set(PC_DESCRIPTION "${L_DESCRIPTION}")
+  string(REPLACE ";" " " PC_REQUIRES "${L_DEPENDS}")
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in
+                 ${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+
+# tolvar_gtest(NAME SOURCES... DEPENDS libs...)
+function(tolvar_gtest name)
+  if(TOLVAR_FUZZ)
+    return()
+  endif()
+  cmake_parse_arguments(T "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_DEPENDS} GTest::gtest GTest::gtest_main)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()
+
+# tolvar_fuzzer(NAME SOURCES... DEPENDS libs...): only in a TOLVAR_FUZZ build.
+function(tolvar_fuzzer name)
+  if(NOT TOLVAR_FUZZ)
+    return()
+  endif()
+  cmake_parse_arguments(F "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${F_SOURCES})
+  target_link_libraries(${name} PRIVATE ${F_DEPENDS})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
+endfunction()
