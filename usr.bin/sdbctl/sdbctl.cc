@@ -1,0 +1,33 @@
+#include "sdbctl.h"
+
+#include <cstdio>
+#include <cstring>
+
+/*
+ * Subcommands, one line each.  Add a command by defining its run function
+ * in a file of its own and listing it here.
+ */
+static const sdbctl_command commands[] = {
+	{nullptr, nullptr, nullptr},
+};
+
+static void usage(void)
+{
+	fprintf(stderr, "usage: sdbctl command [arguments]\n");
+	for (const sdbctl_command *c = commands; c->name != nullptr; c++)
+		fprintf(stderr, "       sdbctl %s %s\n", c->name, c->usage);
+}
+
+int main(int argc, char **argv)
+{
+	if (argc < 2) {
+		usage();
+		return SDBCTL_EXIT_USAGE;
+	}
+	for (const sdbctl_command *c = commands; c->name != nullptr; c++)
+		if (strcmp(c->name, argv[1]) == 0)
+			return c->run(argc - 1, argv + 1);
+	fprintf(stderr, "sdbctl: unknown command \"%s\"\n", argv[1]);
+	usage();
+	return SDBCTL_EXIT_USAGE;
+}
