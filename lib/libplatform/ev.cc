@@ -9,6 +9,11 @@
  *    live registrations; it is recomputed on every select and deselect.
  *  - Timers live in an ordered set keyed by (due, sequence); among equal due
  *    times the older timer fires first.
+ *  - The IDs handed out (evFileID, evTimerID, evConnID) carry a serial
+ *    number that is never reused, not a pointer: an ID kept after its
+ *    registration died (a one-shot timer that fired, a connect that
+ *    completed, a second deselect) is refused with ENOENT instead of
+ *    touching freed memory or a newer registration at the same address.
  */
 #include "platform/ev.h"
 
@@ -16,9 +21,11 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <cstdint>
 #include <fcntl.h>
 #include <map>
 #include <memory>
+#include <pthread.h>
 #include <set>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -35,6 +42,7 @@ struct file_reg {
 	int mask;
 	evFileFunc func;
 	void *uap;
+	uint64_t id = 0;
 	bool dead = false;
 };
 
@@ -46,6 +54,7 @@ struct conn_reg {
 	evConnFunc func;
 	void *uap;
 	evFileID file{};
+	uint64_t id = 0;
 	bool dead = false;
 };
 
@@ -55,6 +64,7 @@ struct ev_timer {
 	evTimerFunc func;
 	void *uap;
 	unsigned long seq;
+	uint64_t id = 0;
 };
 
 struct timer_order {
@@ -78,7 +88,11 @@ struct ev_context {
 	std::vector<file_reg *> dead_files;
 	std::vector<conn_reg *> dead_conns;
 	std::set<ev_timer *, timer_order> timers;
-	std::unordered_set<ev_timer *> live_timers;
+	/* Live registrations by ID. */
+	std::unordered_map<uint64_t, file_reg *> file_ids;
+	std::unordered_map<uint64_t, conn_reg *> conn_ids;
+	std::unordered_map<uint64_t, ev_timer *> timer_ids;
+	uint64_t next_id = 0;
 	unsigned long timer_seq = 0;
 	std::deque<deferred> defers;
 	evSyncFunc sync = nullptr;
@@ -99,6 +113,23 @@ ev_context *ctx_of(evContext c)
 evContext handle_of(ev_context *c)
 {
 	return evContext{c};
+}
+
+void *id_opaque(uint64_t id)
+{
+	return reinterpret_cast<void *>(static_cast<uintptr_t>(id));
+}
+
+uint64_t opaque_id(const void *opaque)
+{
+	return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(opaque));
+}
+
+template <typename T>
+T *find_id(std::unordered_map<uint64_t, T *> &ids, const void *opaque)
+{
+	auto it = ids.find(opaque_id(opaque));
+	return it == ids.end() ? nullptr : it->second;
 }
 
 int epoll_events_of(int mask)
@@ -134,8 +165,9 @@ int live_mask(const std::vector<file_reg *> &regs)
 	return mask;
 }
 
-/* Bring epoll's interest in fd in line with the live registrations. */
-void update_interest(ev_context *ctx, int fd, int old_mask)
+/* Bring epoll's interest in fd in line with the live registrations.
+ * -1 with errno when epoll refuses the descriptor. */
+int update_interest(ev_context *ctx, int fd, int old_mask)
 {
 	auto it = ctx->files.find(fd);
 	int mask = it == ctx->files.end() ? 0 : live_mask(it->second);
@@ -143,18 +175,20 @@ void update_interest(ev_context *ctx, int fd, int old_mask)
 	ev.events = epoll_events_of(mask);
 	ev.data.fd = fd;
 	if (mask == 0) {
+		/* Fails harmlessly when the descriptor is already closed. */
 		if (old_mask != 0)
 			epoll_ctl(ctx->epfd, EPOLL_CTL_DEL, fd, nullptr);
-		return;
+		return 0;
 	}
 	int op = old_mask == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
 	if (epoll_ctl(ctx->epfd, op, fd, &ev) == 0)
-		return;
+		return 0;
 	/* The descriptor was closed and its number reused behind our back. */
 	if (errno == ENOENT)
-		epoll_ctl(ctx->epfd, EPOLL_CTL_ADD, fd, &ev);
-	else if (errno == EEXIST)
-		epoll_ctl(ctx->epfd, EPOLL_CTL_MOD, fd, &ev);
+		return epoll_ctl(ctx->epfd, EPOLL_CTL_ADD, fd, &ev);
+	if (errno == EEXIST)
+		return epoll_ctl(ctx->epfd, EPOLL_CTL_MOD, fd, &ev);
+	return -1;
 }
 
 void reap_dead(ev_context *ctx)
@@ -181,17 +215,22 @@ void run_defers(ev_context *ctx)
 void run_timers(ev_context *ctx)
 {
 	struct timespec now = __evNowTime();
-	std::vector<ev_timer *> due;
+	/* By ID and sequence: a handler may clear a later timer (and a new one
+	 * may be allocated at its address) or reset it; those are skipped and
+	 * whatever is due then fires on the next turn. */
+	std::vector<std::pair<uint64_t, unsigned long>> due;
 	for (ev_timer *t : ctx->timers) {
 		if (__evCmpTime(t->due, now) > 0)
 			break;
-		due.push_back(t);
+		due.emplace_back(t->id, t->seq);
 	}
-	for (ev_timer *t : due) {
-		if (ctx->live_timers.count(t) == 0 || ctx->timers.count(t) == 0)
-			continue;	/* cleared or moved by an earlier handler */
-		if (__evCmpTime(t->due, now) > 0)
-			continue;
+	for (const auto &d : due) {
+		auto it = ctx->timer_ids.find(d.first);
+		if (it == ctx->timer_ids.end())
+			continue;	/* cleared by an earlier handler */
+		ev_timer *t = it->second;
+		if (t->seq != d.second || __evCmpTime(t->due, now) > 0)
+			continue;	/* reset by an earlier handler */
 		ctx->timers.erase(t);
 		struct timespec fired_due = t->due, inter = t->inter;
 		bool periodic = inter.tv_sec != 0 || inter.tv_nsec != 0;
@@ -202,7 +241,7 @@ void run_timers(ev_context *ctx)
 			t->seq = ++ctx->timer_seq;
 			ctx->timers.insert(t);
 		} else {
-			ctx->live_timers.erase(t);
+			ctx->timer_ids.erase(t->id);
 		}
 		evTimerFunc func = t->func;
 		void *uap = t->uap;
@@ -248,18 +287,20 @@ void dispatch_files(ev_context *ctx, const struct epoll_event *events, int n)
 	}
 }
 
+/* pthread_sigmask: the mask is the loop thread's own, whatever other
+ * threads the process has. */
 void block_loop_signals(ev_context *ctx)
 {
 	sigset_t set;
 	ev_loop_signals(&set);
-	sigprocmask(SIG_BLOCK, &set, &ctx->wait_mask);
+	pthread_sigmask(SIG_BLOCK, &set, &ctx->wait_mask);
 	/* While waiting, let through exactly what the caller let through. */
 	ctx->signals_blocked = true;
 }
 
 void unblock_loop_signals(ev_context *ctx)
 {
-	sigprocmask(SIG_SETMASK, &ctx->wait_mask, nullptr);
+	pthread_sigmask(SIG_SETMASK, &ctx->wait_mask, nullptr);
 	ctx->signals_blocked = false;
 }
 
@@ -298,12 +339,19 @@ void listen_ready(evContext c, void *uap, int fd, int mask)
 	         static_cast<int>(ralen));
 }
 
-void finish_connect(ev_context *ctx, conn_reg *cr, int error)
+void kill_conn(ev_context *ctx, conn_reg *cr)
 {
 	__evDeselectFD(handle_of(ctx), cr->file);
-	fcntl(cr->fd, F_SETFL, cr->saved_flags);
+	if (!cr->listening)
+		fcntl(cr->fd, F_SETFL, cr->saved_flags);
 	cr->dead = true;
+	ctx->conn_ids.erase(cr->id);
 	ctx->dead_conns.push_back(cr);
+}
+
+void finish_connect(ev_context *ctx, conn_reg *cr, int error)
+{
+	kill_conn(ctx, cr);
 	struct sockaddr_storage la, ra;
 	socklen_t lalen = sizeof(la), ralen = sizeof(ra);
 	if (error == 0 &&
@@ -351,7 +399,7 @@ int __evCreate(evContext *out)
 	ctx->epfd = epoll_create1(EPOLL_CLOEXEC);
 	if (ctx->epfd < 0)
 		return -1;
-	sigprocmask(SIG_SETMASK, nullptr, &ctx->wait_mask);
+	pthread_sigmask(SIG_SETMASK, nullptr, &ctx->wait_mask);
 	out->opaque = ctx.release();
 	return 0;
 }
@@ -364,8 +412,10 @@ int __evDestroy(evContext c)
 	for (auto &entry : ctx->files)
 		for (file_reg *r : entry.second)
 			delete r;
-	for (ev_timer *t : ctx->live_timers)
-		delete t;
+	for (auto &entry : ctx->conn_ids)
+		delete entry.second;
+	for (auto &entry : ctx->timer_ids)
+		delete entry.second;
 	reap_dead(ctx);
 	close(ctx->epfd);
 	delete ctx;
@@ -428,20 +478,32 @@ int __evSelectFD(evContext c, int fd, int eventmask, evFileFunc func, void *uap,
 	}
 	auto *r = new file_reg{fd, eventmask & (EV_READ | EV_WRITE | EV_EXCEPT), func, uap};
 	regs.push_back(r);
-	update_interest(ctx, fd, old);
+	if (update_interest(ctx, fd, old) != 0) {
+		/* Not a descriptor epoll takes (a regular file, a closed fd). */
+		int err = errno;
+		regs.pop_back();
+		if (regs.empty())
+			ctx->files.erase(fd);
+		delete r;
+		errno = err;
+		return -1;
+	}
+	r->id = ++ctx->next_id;
+	ctx->file_ids[r->id] = r;
 	if (id != nullptr)
-		id->opaque = r;
+		id->opaque = id_opaque(r->id);
 	return 0;
 }
 
 int __evDeselectFD(evContext c, evFileID id)
 {
 	ev_context *ctx = ctx_of(c);
-	auto *r = static_cast<file_reg *>(id.opaque);
+	file_reg *r = find_id(ctx->file_ids, id.opaque);
 	if (r == nullptr || r->dead) {
 		errno = ENOENT;
 		return -1;
 	}
+	ctx->file_ids.erase(r->id);
 	auto it = ctx->files.find(r->fd);
 	if (it == ctx->files.end()) {
 		errno = ENOENT;
@@ -469,11 +531,16 @@ int __evListen(evContext c, int fd, int maxconn, evConnFunc func, void *uap,
 	fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 	auto *cr = new conn_reg{ctx, fd, true, flags, func, uap};
 	if (__evSelectFD(c, fd, EV_READ, listen_ready, cr, &cr->file) != 0) {
+		int err = errno;
+		fcntl(fd, F_SETFL, flags);
 		delete cr;
+		errno = err;
 		return -1;
 	}
+	cr->id = ++ctx->next_id;
+	ctx->conn_ids[cr->id] = cr;
 	if (id != nullptr)
-		id->opaque = cr;
+		id->opaque = id_opaque(cr->id);
 	return 0;
 }
 
@@ -499,28 +566,28 @@ int __evConnect(evContext c, int fd, const void *ra, int ralen, evConnFunc func,
 	}
 	/* Completion, immediate or not, is reported when the socket is writable. */
 	if (__evSelectFD(c, fd, EV_WRITE, conn_ready, cr, &cr->file) != 0) {
+		int err = errno;
 		fcntl(fd, F_SETFL, flags);
 		delete cr;
+		errno = err;
 		return -1;
 	}
+	cr->id = ++ctx->next_id;
+	ctx->conn_ids[cr->id] = cr;
 	if (id != nullptr)
-		id->opaque = cr;
+		id->opaque = id_opaque(cr->id);
 	return 0;
 }
 
 int __evCancelConn(evContext c, evConnID id)
 {
 	ev_context *ctx = ctx_of(c);
-	auto *cr = static_cast<conn_reg *>(id.opaque);
+	conn_reg *cr = find_id(ctx->conn_ids, id.opaque);
 	if (cr == nullptr || cr->dead) {
 		errno = ENOENT;
 		return -1;
 	}
-	__evDeselectFD(c, cr->file);
-	if (!cr->listening)
-		fcntl(cr->fd, F_SETFL, cr->saved_flags);
-	cr->dead = true;
-	ctx->dead_conns.push_back(cr);
+	kill_conn(ctx, cr);
 	return 0;
 }
 
@@ -539,10 +606,11 @@ int __evSetTimer(evContext c, evTimerFunc func, void *uap, struct timespec due,
 		return -1;
 	}
 	auto *t = new ev_timer{due, inter, func, uap, ++ctx->timer_seq};
+	t->id = ++ctx->next_id;
 	ctx->timers.insert(t);
-	ctx->live_timers.insert(t);
+	ctx->timer_ids[t->id] = t;
 	if (id != nullptr)
-		id->opaque = t;
+		id->opaque = id_opaque(t->id);
 	return 0;
 }
 
@@ -550,9 +618,9 @@ int __evResetTimer(evContext c, evTimerID id, evTimerFunc func, void *uap,
                    struct timespec due, struct timespec inter)
 {
 	ev_context *ctx = ctx_of(c);
-	auto *t = static_cast<ev_timer *>(id.opaque);
-	if (ctx->live_timers.count(t) == 0) {
-		errno = ENOENT;
+	ev_timer *t = find_id(ctx->timer_ids, id.opaque);
+	if (t == nullptr || func == nullptr) {
+		errno = t == nullptr ? ENOENT : EINVAL;
 		return -1;
 	}
 	ctx->timers.erase(t);
@@ -568,13 +636,13 @@ int __evResetTimer(evContext c, evTimerID id, evTimerFunc func, void *uap,
 int __evClearTimer(evContext c, evTimerID id)
 {
 	ev_context *ctx = ctx_of(c);
-	auto *t = static_cast<ev_timer *>(id.opaque);
-	if (ctx->live_timers.count(t) == 0) {
+	ev_timer *t = find_id(ctx->timer_ids, id.opaque);
+	if (t == nullptr) {
 		errno = ENOENT;
 		return -1;
 	}
 	ctx->timers.erase(t);
-	ctx->live_timers.erase(t);
+	ctx->timer_ids.erase(t->id);
 	delete t;
 	return 0;
 }

@@ -2,7 +2,9 @@
 
 #include <cassert>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <unordered_set>
 
 namespace {
 
@@ -123,6 +125,23 @@ patnode *lower_bound(patroot *root, key_view k, bool strict)
 	return best;
 }
 
+/* Roots that patricia_root_init() allocated, so that patricia_root_delete()
+ * frees those and only those. */
+std::mutex allocated_lock;
+std::unordered_set<patroot *> &allocated_roots()
+{
+	static std::unordered_set<patroot *> roots;
+	return roots;
+}
+
+patnode *lower_bound_eq(patroot *root, key_view k)
+{
+	patnode *n = lower_bound(root, k, false);
+	if (n != nullptr && compare(node_key(root, n), k) == 0)
+		return n;
+	return nullptr;
+}
+
 } // namespace
 
 extern "C" {
@@ -130,10 +149,13 @@ extern "C" {
 patroot *patricia_root_init(patroot *root, int is_ptr, uint16_t key_bytes,
                             uint8_t key_offset)
 {
-	if (root == nullptr)
+	if (root == nullptr) {
 		root = new (std::nothrow) patroot;
-	if (root == nullptr)
-		return nullptr;
+		if (root == nullptr)
+			return nullptr;
+		std::lock_guard<std::mutex> guard(allocated_lock);
+		allocated_roots().insert(root);
+	}
 	root->root = nullptr;
 	root->key_bytes = key_bytes;
 	root->key_offset = key_offset;
@@ -146,6 +168,9 @@ void patricia_root_delete(patroot *root)
 {
 	assert(root->root == nullptr);
 	root->root = nullptr;
+	std::lock_guard<std::mutex> guard(allocated_lock);
+	if (allocated_roots().erase(root) != 0)
+		delete root;
 }
 
 void patricia_node_init_length(patnode *node, uint16_t key_bytes)
@@ -157,6 +182,10 @@ void patricia_node_init_length(patnode *node, uint16_t key_bytes)
 int patricia_add(patroot *root, patnode *node)
 {
 	bool dup = false;
+	/* A node already in the tree (added twice) must keep its links: look
+	 * for the key before clearing anything. */
+	if (lower_bound_eq(root, node_key(root, node)) != nullptr)
+		return 0;
 	node->left = node->right = nullptr;
 	root->root = insert(root, root->root, node, &dup);
 	if (dup)
@@ -178,11 +207,7 @@ int patricia_delete(patroot *root, patnode *node)
 
 patnode *patricia_get(patroot *root, uint16_t key_bytes, const void *key)
 {
-	key_view k{static_cast<const uint8_t *>(key), key_bytes};
-	patnode *n = lower_bound(root, k, false);
-	if (n != nullptr && compare(node_key(root, n), k) == 0)
-		return n;
-	return nullptr;
+	return lower_bound_eq(root, {static_cast<const uint8_t *>(key), key_bytes});
 }
 
 patnode *patricia_lookup(patroot *root, const void *key)

@@ -43,6 +43,13 @@ typedef void (*evTimerFunc)(evContext ctx, void *uap, struct timespec due,
 /*
  * Listen and connect completions.  For a failed connect fd is -1 and errno
  * holds the reason; the caller's descriptor is never closed by the library.
+ * A connect that fails at once (a unix socket with no listener, sometimes a
+ * refused TCP connect) makes __evConnect() itself return -1 with errno, and
+ * the handler is not called.
+ *
+ * IDs are serial numbers, never reused: an ID whose registration is gone
+ * (a fired one-shot timer, a completed connect, a deselected descriptor)
+ * is refused with ENOENT.
  */
 typedef void (*evConnFunc)(evContext ctx, void *uap, int fd,
                            const void *la, int lalen,
