@@ -46,3 +46,15 @@ function(tolvar_fuzzer name)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
 endfunction()
+
+# tolvar_bench(NAME SOURCES... DEPENDS libs...): a benchmark program in
+# build/bench/, run by "make bench".  Not built for fuzzing.
+function(tolvar_bench name)
+  if(TOLVAR_FUZZ)
+    return()
+  endif()
+  cmake_parse_arguments(B "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${B_SOURCES})
+  target_link_libraries(${name} PRIVATE ${B_DEPENDS})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bench)
+endfunction()
