@@ -1,0 +1,160 @@
+/*
+ * tolvard: keeps the session id counter and replication readiness of the
+ * session database in step between the two routing engines.
+ *
+ * The daemon is one thread.  Everything it owns hangs off tolvard_state and
+ * is touched only from the event loop, so nothing here is locked.  Signal
+ * handlers write only their own flag; the work runs in the loop's
+ * synchronous handler.
+ */
+#ifndef TOLVARD_H
+#define TOLVARD_H
+
+#include <platform/ev.h>
+#include <platform/trace.h>
+#include <timers/otimer.h>
+
+#include <signal.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/queue.h>
+
+struct keel_handle;
+struct keel_issu_info;
+struct tolvard_entry;	/* a mirror record entry, see rep.cc */
+struct tolvard_conn;	/* a local client connection, see server.cc */
+
+enum tolvard_role {
+	role_none = 0,
+	role_standby = 1,
+	role_master = 2,
+};
+
+/* Categories of the trace file. */
+enum tolvard_trace_category {
+	TRACE_DB = 0,		/* database and replication */
+	TRACE_MIRROR = 1,
+	TRACE_GENERAL = 4,
+	TRACE_KEEL = 5,		/* text coming from the keel client */
+	TRACE_SERVER = 6,	/* local server */
+};
+
+/* Open retries back off from 1 second, doubling, to at most 10. */
+#define TOLVARD_DB_RETRY_FIRST	1
+#define TOLVARD_DB_RETRY_MAX	10
+/* Counted open failures tolerated before the daemon gives up. */
+#define TOLVARD_DB_MAX_ATTEMPTS	10
+
+#define TOLVARD_MIRROR_ENTRIES		1000
+#define TOLVARD_MIRROR_ENTRIES_VC	2000
+
+#define TOLVARD_PID_FILE	"/var/run/tolvard.pid"
+#define TOLVARD_TRACE_FILE	"/var/log/tolvard"
+#define TOLVARD_SERVER_PATH	"/var/run/tolvard_server_communication"
+
+TAILQ_HEAD(tolvard_entry_list, tolvard_entry);
+TAILQ_HEAD(tolvard_conn_list, tolvard_conn);
+
+struct tolvard_state {
+	evContext event_context;
+	/* tolvard_state_init() zeroes from here ... */
+	otimer_context_t *timer_context;
+	uint32_t role;
+	uint8_t gres_configured;	/* as the last configuration read found it */
+	uint8_t gres_enabled;		/* as the daemon acts on it */
+	uint8_t mirror_up;		/* only through tolvard_mirror_state_change */
+	uint8_t db_up;
+	uint8_t rep_ready;
+	uint8_t platform_ok;		/* 0 once keel said there is no database */
+	uint8_t debug;
+	uint32_t entries_created;
+	uint32_t max_hits;
+	uint32_t recv_msgs;
+	uint32_t recv_bytes;
+	uint32_t conn_lost;
+	/* ... to here. */
+	struct tolvard_entry_list free_list;
+	struct tolvard_conn_list conn_list;
+	int listen_fd;
+	daemon_trace_file_t *trace;
+
+	int db_retry_delay;		/* seconds until the next open retry */
+	const char *db_name;
+	void *db_env;			/* from the database-ready callback; 0: lost */
+	struct keel_handle *keel_handle;
+	uint32_t mirror_max_entries;
+	otimer_t *db_retry_timer;
+	int db_attempts;		/* counted failed opens */
+	uint8_t rep_started;		/* "Starting Replication" was traced */
+	uint8_t poll_running;
+	otimer_t *poll_timer;
+	uint8_t mirror_inited;
+	otimer_t *restart_timer;
+	uint64_t session_id_sent;
+	/*
+	 * Written by the signal handlers.  sig_atomic_t rather than a byte:
+	 * a handler may run between any two instructions of the set-up code,
+	 * before the event loop blocks signals around its work.
+	 */
+	volatile sig_atomic_t sig_hup;
+	volatile sig_atomic_t sig_info;
+	volatile sig_atomic_t sig_term;
+	volatile sig_atomic_t sig_usr1;
+	volatile sig_atomic_t sig_usr2;
+};
+
+extern struct tolvard_state tolvard_state;
+
+/* state.cc */
+void tolvard_trace(int category, const char *fmt, ...)
+    __attribute__((format(printf, 2, 3)));
+void tolvard_tracev(int category, const char *fmt, va_list ap)
+    __attribute__((format(printf, 2, 0)));
+void tolvard_trace_init(void);
+void tolvard_rlimit_init(void);
+uint32_t tolvard_role_query(void);
+void tolvard_state_init(void);
+int tolvard_pidlock(void);
+void tolvard_timer_init(void);
+void tolvard_timer_assert(const char *message);
+[[noreturn]] void tolvard_exit(const char *function, int line, int code);
+#define TOLVARD_EXIT(code) tolvard_exit(__func__, __LINE__, (code))
+
+/* config.cc */
+int tolvard_config_read(int check);
+int tolvard_process_graceful_restart_cfg(char *errmsg, size_t errlen);
+
+/* db.cc */
+void tolvard_open(void);
+void tolvard_open_later(void);
+void tolvard_open_retry(otimer_t *timer, void *arg);
+void tolvard_reopen(void);
+void tolvard_close(void);
+void tolvard_shutdown(void);
+void tolvard_db_state_change(void *context, void *env);
+
+/* signals.cc */
+void tolvard_signal_init(void);
+void tolvard_signal_sync(evContext ctx, void *arg);
+void tolvard_stats_dump(void);
+
+/*
+ * Role and switchover control, the record channel, the local server and
+ * the ISSU answers (pending.cc until they are built).
+ */
+int tolvard_mirror_init(void);
+int tolvard_mirror_mastership_change(void);
+void tolvard_gres_sync(void);
+int tolvard_rep_start(void);
+void tolvard_rep_ready_set(int ready);
+void tolvard_session_id_check(void);
+int tolvard_server_init(void);
+void tolvard_conn_dump(void);
+void tolvard_issu_prepare(void *ctx, int *abort, int *ready,
+    struct keel_issu_info *info);
+void tolvard_issu_switchover_prepare(void *ctx, int *ready,
+    struct keel_issu_info *info);
+void tolvard_issu_done(void *ctx);
+
+#endif

@@ -1,0 +1,272 @@
+/*
+ * The database open of tolvard, run in-process against a keel client that
+ * answers from a script, on the real event loop and timers with the event
+ * library's test clock: time moves only when the test moves it.
+ */
+#include "tolvard.h"
+#include "keel_client.h"
+
+#include <platform/ev.h>
+#include <platform/paths.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/* The scripted keel client. */
+struct keel_handle {
+	void *ready_ctx = nullptr;
+	keel_db_ready_cb_t ready_cb = nullptr;
+};
+
+namespace {
+
+struct keel_script {
+	std::deque<int> answers;	/* empty: success */
+	std::vector<double> register_times;
+	int handles = 0;
+	int unregisters = 0;
+} script;
+
+char fake_env;
+
+double now_secs()
+{
+	struct timespec t = __evNowTime();
+	return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+} // namespace
+
+extern "C" {
+
+keel_handle *keel_init_handle(void)
+{
+	script.handles++;
+	return new keel_handle;
+}
+
+int keel_set_event_context(keel_handle *, evContext *) { return 0; }
+int keel_set_recovery_pending(keel_handle *) { return 0; }
+int keel_set_issu_context(keel_handle *, void *) { return 0; }
+int keel_set_issu_prepare_cbs(keel_handle *, keel_issu_prepare_cb_t,
+                              keel_issu_done_cb_t) { return 0; }
+int keel_set_issu_switchover_cbs(keel_handle *, keel_issu_switchover_cb_t,
+                                 keel_issu_done_cb_t) { return 0; }
+int keel_set_log_cb(keel_handle *, void *, keel_log_cb_t) { return 0; }
+
+int keel_set_db_ready_cb(keel_handle *h, void *ctx, keel_db_ready_cb_t cb)
+{
+	h->ready_ctx = ctx;
+	h->ready_cb = cb;
+	return 0;
+}
+
+int keel_register(keel_handle *h)
+{
+	script.register_times.push_back(now_secs());
+	int rc = 0;
+	if (!script.answers.empty()) {
+		rc = script.answers.front();
+		script.answers.pop_front();
+	}
+	if (rc == 0)
+		h->ready_cb(h->ready_ctx, &fake_env);
+	return rc;
+}
+
+int keel_unregister(keel_handle **hp)
+{
+	script.unregisters++;
+	delete *hp;
+	*hp = nullptr;
+	return 0;
+}
+
+const char *sdb_strerror(int code)
+{
+	return code == 0 ? "success" : "scripted failure";
+}
+
+} // extern "C"
+
+namespace {
+
+std::string read_file(const std::string &abs)
+{
+	std::ifstream in(tolvar::path(abs));
+	std::stringstream s;
+	s << in.rdbuf();
+	return s.str();
+}
+
+class DbOpen : public ::testing::Test {
+protected:
+	static void SetUpTestSuite()
+	{
+		static char dir[] = "/tmp/tolvard_test.XXXXXX";
+		ASSERT_NE(mkdtemp(dir), nullptr);
+		setenv("TOLVAR_ROOT", dir, 1);
+		struct timespec start = {1000, 0};
+		ev_clock_set(&start);
+		ASSERT_EQ(__evCreate(&tolvard_state.event_context), 0);
+		tolvard_trace_init();
+		tolvard_timer_init();
+	}
+
+	static void TearDownTestSuite()
+	{
+		std::error_code ignored;
+		std::filesystem::remove_all(tolvar_root(), ignored);
+	}
+
+	void SetUp() override
+	{
+		otimer_delete(tolvard_state.db_retry_timer);
+		tolvard_state.db_retry_timer = nullptr;
+		if (tolvard_state.keel_handle != nullptr)
+			tolvard_close();
+		tolvard_state.role = role_master;
+		tolvard_state.db_retry_delay = TOLVARD_DB_RETRY_FIRST;
+		tolvard_state.db_attempts = 0;
+		tolvard_state.platform_ok = 1;
+		tolvard_state.db_up = 1;
+		script = keel_script{};
+	}
+
+	/* Let time pass in steps, running the loop after each. */
+	void run_for(double seconds, double step = 0.25)
+	{
+		for (double t = 0; t < seconds; t += step) {
+			ev_clock_advance(__evConsTime(0, static_cast<long>(step * 1e9)));
+			for (int i = 0; i < 3; i++)
+				__evLoopOnce(tolvard_state.event_context, 0);
+		}
+	}
+
+	std::vector<double> gaps() const
+	{
+		std::vector<double> out;
+		const auto &t = script.register_times;
+		for (size_t i = 1; i < t.size(); i++)
+			out.push_back(t[i] - t[i - 1]);
+		return out;
+	}
+
+	static void expect_gaps(const std::vector<double> &got,
+	                        const std::vector<double> &want)
+	{
+		ASSERT_EQ(got.size(), want.size());
+		for (size_t i = 0; i < want.size(); i++) {
+			/* One loop step of slack: the clock moves in steps. */
+			EXPECT_GE(got[i], want[i] - 1e-6) << "retry " << i;
+			EXPECT_LE(got[i], want[i] + 0.26) << "retry " << i;
+		}
+	}
+};
+
+TEST_F(DbOpen, CountedFailuresBackOffDoublingToTen)
+{
+	script.answers = {-12, -12, -12, -12, -12, -12, -12};
+	tolvard_open();
+	run_for(60);
+	expect_gaps(gaps(), {1, 2, 4, 8, 10, 10, 10});
+	EXPECT_EQ(tolvard_state.db_attempts, 0) << "success resets the count";
+	EXPECT_EQ(tolvard_state.db_retry_delay, TOLVARD_DB_RETRY_FIRST);
+	EXPECT_EQ(tolvard_state.db_up, 1);
+	EXPECT_EQ(script.handles, 1) << "one handle serves every retry";
+}
+
+TEST_F(DbOpen, TryLaterNeverCountsAndKeepsRetrying)
+{
+	/* Ten counted failures among forty "try later" answers: one short
+	 * of giving up, so the process must live to see the success. */
+	for (int i = 0; i < 50; i++)
+		script.answers.push_back(i % 5 == 0 ? -4 : -19);
+	tolvard_open();
+	EXPECT_EQ(tolvard_state.db_up, 0);
+	run_for(600, 1.0);
+	EXPECT_EQ(script.register_times.size(), 51u);
+	EXPECT_EQ(tolvard_state.db_up, 1);
+	std::vector<double> g = gaps();
+	for (size_t i = 4; i < g.size(); i++)
+		EXPECT_NEAR(g[i], 10, 1.01) << "retry " << i;
+}
+
+TEST_F(DbOpen, NoDatabaseOnPlatformStopsRetrying)
+{
+	script.answers = {-17};
+	tolvard_open();
+	run_for(30);
+	EXPECT_EQ(script.register_times.size(), 1u);
+	EXPECT_EQ(tolvard_state.platform_ok, 0);
+	EXPECT_EQ(tolvard_state.db_up, 0);
+}
+
+TEST_F(DbOpen, NoRoleLeavesDatabaseClosed)
+{
+	tolvard_state.role = role_none;
+	tolvard_open();
+	run_for(5);
+	EXPECT_TRUE(script.register_times.empty());
+	EXPECT_EQ(script.handles, 0);
+	EXPECT_EQ(tolvard_state.db_up, 0);
+	EXPECT_NE(read_file(TOLVARD_TRACE_FILE).find(
+	    "tolvard_open called, but our role is neither master nor standby"),
+	    std::string::npos);
+}
+
+TEST_F(DbOpen, ReopenKeepsOnePendingAttempt)
+{
+	script.answers = {-12, -12, -12};
+	tolvard_open();			/* fails; retry armed for 1 s */
+	tolvard_reopen();		/* fails again; retry armed for 2 s */
+	EXPECT_EQ(script.unregisters, 1);
+	run_for(1.5);
+	EXPECT_EQ(script.register_times.size(), 2u) << "the first retry was stopped";
+	run_for(1.0);
+	EXPECT_EQ(script.register_times.size(), 3u);
+}
+
+TEST_F(DbOpen, EleventhCountedFailureEndsTheProcess)
+{
+	for (int i = 0; i < 11; i++)
+		script.answers.push_back(i % 2 ? -19 : -5);
+	for (int i = 0; i < 10; i++)
+		script.answers.push_back(-5);
+	EXPECT_EXIT({
+		tolvard_open();
+		run_for(600, 1.0);
+		exit(7);	/* not reached when the open gives up */
+	}, ::testing::ExitedWithCode(1), "");
+	std::string events = read_file("/var/log/events");
+	EXPECT_NE(events.find("\tTOLVARD_DB_OPEN_FAILED\tretry-count\t"
+	    "TOLVARD_DB_OPEN_FAILED: Failed to open DB 11 times, giving up"),
+	    std::string::npos) << events;
+	std::string trace = read_file(TOLVARD_TRACE_FILE);
+	size_t gave_up = trace.find("Failed to open DB 11 times, giving up");
+	size_t shut = trace.find("Shutdown complete", gave_up);
+	size_t exited = trace.find("exited with code 1", shut);
+	EXPECT_NE(gave_up, std::string::npos);
+	EXPECT_NE(shut, std::string::npos);
+	EXPECT_NE(exited, std::string::npos);
+}
+
+TEST_F(DbOpen, LostEnvironmentIsForgotten)
+{
+	tolvard_open();
+	EXPECT_EQ(tolvard_state.db_env, &fake_env);
+	tolvard_db_state_change(&tolvard_state, nullptr);
+	EXPECT_EQ(tolvard_state.db_env, nullptr);
+	tolvard_close();
+	EXPECT_EQ(tolvard_state.keel_handle, nullptr);
+	EXPECT_EQ(tolvard_state.db_up, 0);
+}
+
+} // namespace
