@@ -176,7 +176,8 @@ arm(otimer_t *t, time_t secs, long nsecs, unsigned jitter, bool periodic)
 {
 	if (t == nullptr)
 		return;
-	if (!OTIMER_CHECK(htimer_is_leaf(&t->ht)))
+	htimer_t *timer = &t->ht;
+	if (!OTIMER_CHECK(htimer_is_leaf(timer)))
 		return;
 	struct timespec interval = __evConsTime(secs, nsecs);
 	t->jitter = static_cast<uint8_t>(jitter > max_jitter ? max_jitter : jitter);

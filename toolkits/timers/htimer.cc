@@ -94,10 +94,15 @@ resort(htimer_t *timer, bool was_running, struct timespec old_expiry)
 		if (__evCmpTime(old_expiry, timer->ht_expiry) == 0)
 			return false;
 		was_first = parent->ht_first == timer;
+		/*
+		 * It keeps its place when its neighbours still bracket it.  A
+		 * successor of the same expiry does not: the timer was armed
+		 * after it and must fire after it, so it goes behind.
+		 */
 		bool prev_ok = was_first ||
 		    __evCmpTime(timer->ht_prev->ht_expiry, timer->ht_expiry) <= 0;
 		bool next_ok = is_last(parent, timer) ||
-		    __evCmpTime(timer->ht_next->ht_expiry, timer->ht_expiry) >= 0;
+		    __evCmpTime(timer->ht_next->ht_expiry, timer->ht_expiry) > 0;
 		if (prev_ok && next_ok)
 			return was_first;
 		unlink_child(timer);
