@@ -1,0 +1,277 @@
+/*
+ * The secondary tables object sdb_intf.db: attach, create (keel only) and
+ * detach.  The object starts with sdb_db_info; the tables themselves and
+ * the growth of the object are built on top of this.
+ *
+ * Invariant: a usable object has initialized and global_size both set;
+ * keel sets them last, under the write lock, so a client never sees a
+ * half-built header.
+ */
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/paths.h"
+#include "sdb_impl.h"
+
+namespace {
+
+sdb_db_info *info_ptr;
+uint32_t sdb_my_len;
+int sdb_mem_fd = -1;
+
+uint32_t initial_len(void)
+{
+	return sdb_scale_get().sec_initial_bytes;
+}
+
+void unmap_and_close(void)
+{
+	if (info_ptr != nullptr && munmap(info_ptr, sdb_my_len) != 0)
+		sdb_trace(SDB_TRACE_ERR, "Failed to unmap memory, %s",
+		    strerror(errno));
+	if (sdb_mem_fd >= 0 && close(sdb_mem_fd) != 0)
+		sdb_trace(SDB_TRACE_ERR, "Close sdb_mem_fd failed");
+	info_ptr = nullptr;
+	sdb_mem_fd = -1;
+}
+
+sdb_db_info *map_len(int fd, uint32_t len)
+{
+	void *p = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+	return p == MAP_FAILED ? nullptr : static_cast<sdb_db_info *>(p);
+}
+
+/* Map what is there; a short file is not usable (it would fault). */
+bool map_existing(const std::string &path)
+{
+	unmap_and_close();
+	int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+	if (fd < 0) {
+		sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
+		    path.c_str(), strerror(errno));
+		return false;
+	}
+	struct stat st;
+	if (fstat(fd, &st) != 0 || st.st_size < (off_t)sdb_my_len) {
+		close(fd);
+		return false;
+	}
+	sdb_db_info *p = map_len(fd, sdb_my_len);
+	if (p == nullptr) {
+		sdb_trace(SDB_TRACE_ERR, "Failed mmap for size: %d",
+		    (int)sdb_my_len);
+		close(fd);
+		return false;
+	}
+	info_ptr = p;
+	sdb_mem_fd = fd;
+	return true;
+}
+
+bool usable(void)
+{
+	return info_ptr != nullptr && info_ptr->initialized != 0 &&
+	    info_ptr->global_size != 0;
+}
+
+int create_object(const std::string &path)
+{
+	unmap_and_close();
+	int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+	if (fd < 0) {
+		sdb_trace(SDB_TRACE_ERR, "Failed to open/create file %s, %s",
+		    path.c_str(), strerror(errno));
+		return SDB_ERR_NOMEM;
+	}
+	if (ftruncate(fd, sdb_my_len) != 0) {
+		sdb_trace(SDB_TRACE_ERR,
+		    "Initial truncate failed on file %s for len: %d",
+		    path.c_str(), (int)sdb_my_len);
+		close(fd);
+		unlink(path.c_str());
+		return SDB_ERR_NOMEM;
+	}
+	sdb_db_info *p = map_len(fd, sdb_my_len);
+	if (p == nullptr) {
+		sdb_trace(SDB_TRACE_ERR, "Failed mmap");
+		sdb_event(3, "LIBSDB_FAILED_MAPPING",
+		    "LIBSDB_FAILED_MAPPING: failed mapping for shm size "
+		    "allocation to: %d, err: %s", (int)sdb_my_len,
+		    strerror(errno));
+		close(fd);
+		unlink(path.c_str());
+		return SDB_ERR_NOMEM;
+	}
+	sdb_trace(SDB_TRACE_INFO, "INIT MEMORY");
+	memset(p, 0, sdb_my_len);
+	info_ptr = p;
+	sdb_mem_fd = fd;
+	p->grow_step = sdb_my_len;
+	sdb_db_tables_reset();
+	p->global_size = sdb_my_len;
+	sdb_word(p->initialized).store(1);
+	return 0;
+}
+
+/* Follow another process's growth of the object. */
+int mem_check(void)
+{
+	uint32_t global = info_ptr->global_size;
+	if (global <= sdb_my_len)
+		return 0;
+	struct stat st;
+	if (fstat(sdb_mem_fd, &st) != 0 || st.st_size < (off_t)global) {
+		sdb_trace(SDB_TRACE_ERR, "Mem check failed, err:%d",
+		    SDB_ERR_NOMEM);
+		return SDB_ERR_NOMEM;
+	}
+	sdb_db_info *p = map_len(sdb_mem_fd, global);
+	if (p == nullptr)
+		return SDB_ERR_NOMEM;
+	munmap(info_ptr, sdb_my_len);
+	info_ptr = p;
+	sdb_my_len = global;
+	return 0;
+}
+
+} // namespace
+
+extern "C" sdb_db_info *sdb_db_info_ptr(void)
+{
+	return info_ptr;
+}
+
+void sdb_db_tables_reset(void)
+{
+	sdb_db_info *p = info_ptr;
+	p->intf_free_list_head = p->session_free_list_head = 0;
+	p->ls_free_list_head = p->ri_free_list_head = 0;
+	p->parent_free_list_head = p->child_free_list_head = 0;
+	p->app_def_free_list_head = p->app_def_free_list_head12 = 0;
+	p->uid_free_list_head = 0;
+	memset(p->bucket_free_list_head, 0, sizeof(p->bucket_free_list_head));
+	p->intf_root = p->uid_root = p->ls_root = p->ri_root = 0;
+	p->parent_root = p->app_def_root = 0;
+	p->app_def_total = 0;
+	p->lock_pid = 0;
+	p->next_offset = SDB_DB_INFO_SIZE;
+	p->lock_type = -1;
+}
+
+static void unlock_if_taken(bool took, bool is_keel)
+{
+	if (took && sdb_db_unlock(SDB_LOCK_WRITE) != 0)
+		sdb_trace(SDB_TRACE_ERR, "%s:%u Failed to unlock, is_keel: %d",
+		    __func__, __LINE__, (int)is_keel);
+}
+
+extern "C" int sdb_db_secondary_init(bool is_keel, bool is_locked)
+{
+	bool took = false;
+	if (!is_locked) {
+		/* The semaphore is taken directly: without a mapping the
+		 * bookkeeping of sdb_db_lock has nowhere to go yet. */
+		int rc = sdb_sem_lock(SDB_SEM_SECONDARY, true);
+		if (rc != 0) {
+			sdb_trace(SDB_TRACE_ERR,
+			    "%s: Failed to lock, is_keel: %d, err: %d", __func__,
+			    (int)is_keel, rc);
+			sdb_event(3, "LIBSDB_KEEL_LOCK_FAILED",
+			    "LIBSDB_KEEL_LOCK_FAILED: %s:%d failed to lock, "
+			    "is_keel: %d, err: %d", __func__, __LINE__,
+			    (int)is_keel, rc);
+			return rc;
+		}
+		took = true;
+	}
+	auto release = [&](void) {
+		if (!took)
+			return;
+		if (info_ptr != nullptr) {
+			unlock_if_taken(true, is_keel);
+		} else if (sdb_sem_unlock(SDB_SEM_SECONDARY, true) != 0) {
+			sdb_trace(SDB_TRACE_ERR,
+			    "%s:%u Failed to unlock, is_keel: %d", __func__,
+			    __LINE__, (int)is_keel);
+		}
+	};
+	if (info_ptr != nullptr) {
+		if (took) {
+			sdb_word(info_ptr->lock_pid).store((uint32_t)getpid());
+			info_ptr->lock_type = SDB_LOCK_WRITE;
+		}
+	} else {
+		sdb_my_len = initial_len();
+		std::string path = sdb_store_path(SDB_INTF_FILE);
+		tolvar_mkdirs(sdb_store_path(SDB_SHMEM_DIR).c_str(), 0755);
+		map_existing(path);
+		if (!usable()) {
+			int rc = is_keel ? create_object(path) : SDB_ERR_NOMEM;
+			if (rc != 0) {
+				unmap_and_close();
+				release();
+				return SDB_ERR_NOMEM;
+			}
+		}
+		if (took) {
+			sdb_word(info_ptr->lock_pid).store((uint32_t)getpid());
+			info_ptr->lock_type = SDB_LOCK_WRITE;
+		}
+		int rc = mem_check();
+		if (rc != 0) {
+			sdb_trace(SDB_TRACE_ERR,
+			    "SDB DB INIT failed, increase failed, err:%d", rc);
+			release();
+			return rc;
+		}
+	}
+	release();
+	return 0;
+}
+
+extern "C" void sdb_db_secondary_detach(void)
+{
+	if (info_ptr == nullptr)
+		return;
+	if (info_ptr->lock_pid == (uint32_t)getpid() && info_ptr->lock_type != -1)
+		sdb_db_unlock(info_ptr->lock_type);
+	unmap_and_close();
+	sdb_my_len = 0;
+}
+
+/*
+ * keel on the master, after the open: note whether a writer died inside
+ * the tables and mark the recovery done.  The rebuild from the long-term
+ * store is the recovery module's; here there is nothing to rebuild from.
+ */
+extern "C" int sdb_db_secondary_recover(int force, int is_locked)
+{
+	sdb_seg_tail *t = sdb_seg_tail_ptr();
+	if (t == nullptr || info_ptr == nullptr)
+		return SDB_ERR_NOT_STARTED;
+	uint32_t me = (uint32_t)getpid();
+	if (!is_locked) {
+		int rc = sdb_sem_lock(SDB_SEM_SECONDARY, true);
+		if (rc != 0)
+			return rc;
+	}
+	uint32_t stale = sdb_word(info_ptr->lock_pid).exchange(me);
+	info_ptr->lock_type = SDB_LOCK_WRITE;
+	if (stale == me)
+		stale = 0;
+	if (stale != 0)
+		sdb_trace(SDB_TRACE_INFO, "*** LOCK was still open by pid %u, recover",
+		    stale);
+	if (force || stale != 0) {
+		sdb_word(t->recovery_status).store(SDB_RECOVERY_REBUILDING);
+		sdb_db_tables_reset();
+	}
+	sdb_word(t->recovery_status).store(SDB_RECOVERY_DONE);
+	if (!is_locked)
+		return sdb_db_unlock(SDB_LOCK_WRITE);
+	return 0;
+}
