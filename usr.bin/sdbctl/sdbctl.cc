@@ -7,7 +7,12 @@
  * Subcommands, one line each.  Add a command by defining its run function
  * in a file of its own and listing it here.
  */
+int sdbctl_status(int argc, char **argv);
+int sdbctl_strerror(int argc, char **argv);
+
 static const sdbctl_command commands[] = {
+	{"status", "", sdbctl_status},
+	{"strerror", "code", sdbctl_strerror},
 	{nullptr, nullptr, nullptr},
 };
 
