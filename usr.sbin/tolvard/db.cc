@@ -12,13 +12,9 @@
 #include "events.h"
 #include "keel_client.h"
 
-#include <platform/logging.h>
 #include <platform/timescale.h>
 
 #include <algorithm>
-
-#define SDB_ERR_NOT_SUPPORTED	(-17)	/* the platform has no database */
-#define SDB_ERR_NOT_STARTED	(-19)	/* keel has not started it yet */
 
 namespace {
 
@@ -92,7 +88,7 @@ void tolvard_open(void)
 	tolvard_state.db_up = 0;
 	if (rc != SDB_ERR_NOT_STARTED)
 		tolvard_state.db_attempts++;
-	if (rc == SDB_ERR_NOT_SUPPORTED) {
+	if (rc == SDB_ERR_UNSUPPORTED) {
 		tolvard_trace(TRACE_DB, "DB %s, will not retry", sdb_strerror(rc));
 		tolvard_state.platform_ok = 0;
 		return;

@@ -1,26 +1,16 @@
 /*
- * Stand-in for the keel client until the session database library has it:
- * registration always succeeds and hands over a placeholder environment,
- * so that the daemon's open, retry and close paths run as they will.  The
- * placeholder is never dereferenced: nothing in the daemon reads through
- * db_env yet.
+ * Stand-in for the keel client until it joins the session database
+ * library and tolvard links that: registration always succeeds and hands
+ * over a placeholder environment, so that the daemon's open, retry and
+ * close paths run as they will.  The placeholder is never dereferenced:
+ * nothing in the daemon reads through db_env yet.  This file goes when
+ * the daemon links the library.
  */
 #include "keel_client.h"
-
-#include <platform/logging.h>
 
 #include <array>
 #include <cstdarg>
 #include <new>
-
-struct keel_handle {
-	evContext *event_context = nullptr;
-	void *log_ctx = nullptr;
-	keel_log_cb_t log_cb = nullptr;
-	void *db_ready_ctx = nullptr;
-	keel_db_ready_cb_t db_ready_cb = nullptr;
-	bool registered = false;
-};
 
 namespace {
 
@@ -35,64 +25,84 @@ void client_log(keel_handle *h, const char *fmt, ...)
 		return;
 	va_list ap;
 	va_start(ap, fmt);
-	h->log_cb(h->log_ctx, LOG_PRI_INTERNAL_INFO, fmt, ap);
+	h->log_cb(h->log_ctx, KEEL_LOG_INFO, fmt, ap);
 	va_end(ap);
 }
 
-constexpr int KEEL_ERR_REGISTERED = -25;
+constexpr int KEEL_ERR_REGISTERED = KEEL_ERR_FATAL;
 
 } // namespace
 
 extern "C" keel_handle *keel_init_handle(void)
 {
-	return new (std::nothrow) keel_handle;
+	keel_handle *h = new (std::nothrow) keel_handle{};
+
+	if (h != nullptr)
+		h->fd = -1;
+	return h;
 }
 
 extern "C" int keel_set_event_context(keel_handle *h, evContext *ctx)
 {
-	if (h == nullptr || h->registered || ctx == nullptr)
+	if (h == nullptr || h->user_reg || ctx == nullptr)
 		return KEEL_ERR_REGISTERED;
-	h->event_context = ctx;
+	h->event_context = *ctx;
+	h->event_driven = 1;
 	return 0;
 }
 
 extern "C" int keel_set_recovery_pending(keel_handle *h)
 {
-	return (h == nullptr || h->registered) ? KEEL_ERR_REGISTERED : 0;
+	if (h == nullptr || h->user_reg)
+		return KEEL_ERR_REGISTERED;
+	h->recovery_state = KEEL_RECOVERY_PENDING;
+	return 0;
 }
 
 extern "C" int keel_set_issu_context(keel_handle *h, void *ctx)
 {
-	return (h == nullptr || h->registered || ctx == nullptr) ? KEEL_ERR_REGISTERED : 0;
+	if (h == nullptr || h->user_reg || ctx == nullptr)
+		return KEEL_ERR_REGISTERED;
+	h->issu_ctx = ctx;
+	h->issu_capable = 1;
+	return 0;
 }
 
-extern "C" int keel_set_issu_prepare_cbs(keel_handle *h, keel_issu_prepare_cb_t prepare,
-                                         keel_issu_done_cb_t prepare_done)
+extern "C" int keel_set_issu_prepare_cbs(keel_handle *h, keel_issu_prepare_cb prepare,
+                                         keel_issu_cb prepare_done)
 {
-	(void)prepare_done;
-	return (h == nullptr || h->registered || prepare == nullptr) ? KEEL_ERR_REGISTERED : 0;
+	if (h == nullptr || h->user_reg || prepare == nullptr)
+		return KEEL_ERR_REGISTERED;
+	h->issu_prepare_cb = prepare;
+	h->issu_prepare_done_cb = prepare_done;
+	h->issu_capable = 1;
+	return 0;
 }
 
 extern "C" int keel_set_issu_switchover_cbs(keel_handle *h,
-                                            keel_issu_switchover_cb_t switchover,
-                                            keel_issu_done_cb_t switchover_done)
+                                            keel_issu_switchover_cb switchover,
+                                            keel_issu_cb switchover_done)
 {
-	(void)switchover_done;
-	return (h == nullptr || h->registered || switchover == nullptr) ? KEEL_ERR_REGISTERED : 0;
+	if (h == nullptr || h->user_reg || switchover == nullptr)
+		return KEEL_ERR_REGISTERED;
+	h->issu_switchover_cb = switchover;
+	h->issu_switchover_done_cb = switchover_done;
+	h->issu_capable = 1;
+	return 0;
 }
 
-extern "C" int keel_set_log_cb(keel_handle *h, void *ctx, keel_log_cb_t cb)
+extern "C" int keel_set_log_cb(keel_handle *h, void *ctx, keel_log_cb cb)
 {
-	if (h == nullptr || h->registered || cb == nullptr)
+	if (h == nullptr || h->user_reg || cb == nullptr)
 		return KEEL_ERR_REGISTERED;
 	h->log_ctx = ctx;
 	h->log_cb = cb;
 	return 0;
 }
 
-extern "C" int keel_set_db_ready_cb(keel_handle *h, void *ctx, keel_db_ready_cb_t cb)
+extern "C" int keel_set_db_ready_cb(keel_handle *h, void *ctx, keel_db_ready_cb cb)
 {
-	if (h == nullptr || h->registered || cb == nullptr)
+	if (h == nullptr || h->user_reg || cb == nullptr)
 		return KEEL_ERR_REGISTERED;
 	h->db_ready_ctx = ctx;
 	h->db_ready_cb = cb;
@@ -104,7 +114,8 @@ extern "C" int keel_register(keel_handle *h)
 	if (h == nullptr)
 		return KEEL_ERR_REGISTERED;
 	client_log(h, "keel_register: keel client not built yet");
-	h->registered = true;
+	h->user_reg = 1;
+	h->connected = 1;
 	if (h->db_ready_cb != nullptr)
 		h->db_ready_cb(h->db_ready_ctx, &placeholder_env);
 	return 0;

@@ -19,12 +19,6 @@
 #include <string>
 #include <vector>
 
-/* The scripted keel client. */
-struct keel_handle {
-	void *ready_ctx = nullptr;
-	keel_db_ready_cb_t ready_cb = nullptr;
-};
-
 namespace {
 
 struct keel_script {
@@ -49,22 +43,22 @@ extern "C" {
 keel_handle *keel_init_handle(void)
 {
 	script.handles++;
-	return new keel_handle;
+	return new keel_handle{};
 }
 
 int keel_set_event_context(keel_handle *, evContext *) { return 0; }
 int keel_set_recovery_pending(keel_handle *) { return 0; }
 int keel_set_issu_context(keel_handle *, void *) { return 0; }
-int keel_set_issu_prepare_cbs(keel_handle *, keel_issu_prepare_cb_t,
-                              keel_issu_done_cb_t) { return 0; }
-int keel_set_issu_switchover_cbs(keel_handle *, keel_issu_switchover_cb_t,
-                                 keel_issu_done_cb_t) { return 0; }
-int keel_set_log_cb(keel_handle *, void *, keel_log_cb_t) { return 0; }
+int keel_set_issu_prepare_cbs(keel_handle *, keel_issu_prepare_cb,
+                              keel_issu_cb) { return 0; }
+int keel_set_issu_switchover_cbs(keel_handle *, keel_issu_switchover_cb,
+                                 keel_issu_cb) { return 0; }
+int keel_set_log_cb(keel_handle *, void *, keel_log_cb) { return 0; }
 
-int keel_set_db_ready_cb(keel_handle *h, void *ctx, keel_db_ready_cb_t cb)
+int keel_set_db_ready_cb(keel_handle *h, void *ctx, keel_db_ready_cb cb)
 {
-	h->ready_ctx = ctx;
-	h->ready_cb = cb;
+	h->db_ready_ctx = ctx;
+	h->db_ready_cb = cb;
 	return 0;
 }
 
@@ -77,7 +71,7 @@ int keel_register(keel_handle *h)
 		script.answers.pop_front();
 	}
 	if (rc == 0)
-		h->ready_cb(h->ready_ctx, &fake_env);
+		h->db_ready_cb(h->db_ready_ctx, &fake_env);
 	return rc;
 }
 
