@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <netdb.h>
+#include <netinet/in.h>
 #include <string>
 
 namespace {
@@ -140,4 +142,27 @@ extern "C" const char *peer_re_name(void)
 {
 	static thread_local char buf[256];
 	return platform_get("peer_address", buf, sizeof(buf)) == 0 ? buf : nullptr;
+}
+
+extern "C" int iri_gethostbyname(const char *name, uint32_t *addr_net)
+{
+	if (name == nullptr || *name == '\0')
+		return EINVAL;
+	struct addrinfo hints = {};
+	hints.ai_family = AF_INET;
+	hints.ai_socktype = SOCK_STREAM;
+	struct addrinfo *res = nullptr;
+	int rc = getaddrinfo(name, nullptr, &hints, &res);
+	if (rc != 0 || res == nullptr)
+		return rc == EAI_SYSTEM ? errno : EHOSTUNREACH;
+	*addr_net = reinterpret_cast<struct sockaddr_in *>(res->ai_addr)->sin_addr.s_addr;
+	freeaddrinfo(res);
+	return 0;
+}
+
+extern "C" int iri_set_sa(int fd, const char *sa_name)
+{
+	(void)fd;
+	(void)sa_name;
+	return 0;
 }

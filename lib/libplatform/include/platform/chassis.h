@@ -22,6 +22,7 @@
 #define PLATFORM_CHASSIS_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -49,6 +50,16 @@ int  platform_sysctlbyname(const char *name, void *oldp, size_t *oldlenp);
 
 /* Name of the other routing engine ("peer_address"), or NULL. */
 const char *peer_re_name(void);
+
+/*
+ * Address of a routing engine on the internal network: a numeric IPv4
+ * address or a host name, resolved through getaddrinfo(3).  Stores the
+ * address in network order; 0, or an errno value.
+ */
+int  iri_gethostbyname(const char *name, uint32_t *addr_net);
+/* Attach the internal security association sa_name to a socket.  Linux has
+ * none; the call succeeds and does nothing. */
+int  iri_set_sa(int fd, const char *sa_name);
 
 #ifdef __cplusplus
 }
