@@ -100,9 +100,13 @@ std::string read_file(const std::string &abs)
 	return s.str();
 }
 
-class DbOpen : public ::testing::Test {
-protected:
-	static void SetUpTestSuite()
+/*
+ * One root, event context and timer context for the whole process, as in
+ * the daemon: the root is read once and the timer context made once.
+ */
+class DaemonEnvironment : public ::testing::Environment {
+public:
+	void SetUp() override
 	{
 		static char dir[] = "/tmp/tolvard_test.XXXXXX";
 		ASSERT_NE(mkdtemp(dir), nullptr);
@@ -114,12 +118,26 @@ protected:
 		tolvard_timer_init();
 	}
 
-	static void TearDownTestSuite()
+	void TearDown() override
 	{
 		std::error_code ignored;
 		std::filesystem::remove_all(tolvar_root(), ignored);
 	}
+};
 
+const auto *const environment =
+    ::testing::AddGlobalTestEnvironment(new DaemonEnvironment);
+
+void write_file(const std::string &abs, const std::string &text)
+{
+	std::string p = tolvar::path(abs);
+	std::filesystem::create_directories(
+	    std::filesystem::path(p).parent_path());
+	std::ofstream(p) << text;
+}
+
+class DbOpen : public ::testing::Test {
+protected:
 	void SetUp() override
 	{
 		otimer_delete(tolvard_state.db_retry_timer);
@@ -261,6 +279,43 @@ TEST_F(DbOpen, LostEnvironmentIsForgotten)
 	tolvard_close();
 	EXPECT_EQ(tolvard_state.keel_handle, nullptr);
 	EXPECT_EQ(tolvard_state.db_up, 0);
+}
+
+} // namespace
+
+namespace {
+
+/*
+ * What the configuration says about graceful switchover, read by read.  A
+ * configuration that cannot be parsed must not switch replication off.
+ */
+TEST(ConfigRead, GracefulSwitchoverFollowsEachGoodRead)
+{
+	const std::string config = "/etc/tolvar/config";
+	const std::string platform = "/etc/tolvar/platform";
+
+	write_file(platform, "role = master\n");
+	write_file(config, "set chassis redundancy graceful-switchover\n");
+	EXPECT_EQ(tolvard_config_read(0), 1);
+	EXPECT_EQ(tolvard_state.gres_configured, 1);
+
+	write_file(config, "set chassis redundancy {\n");
+	EXPECT_EQ(tolvard_config_read(0), 1);
+	EXPECT_EQ(tolvard_state.gres_configured, 1) << "unreadable is not off";
+
+	write_file(config, "set chassis redundancy\n");
+	EXPECT_EQ(tolvard_config_read(0), 1);
+	EXPECT_EQ(tolvard_state.gres_configured, 0);
+
+	write_file(platform, "role = master\ncluster = 1\n");
+	EXPECT_EQ(tolvard_config_read(0), 1);
+	EXPECT_EQ(tolvard_state.gres_configured, 1) << "a cluster implies it";
+
+	std::filesystem::remove(tolvar::path(config));
+	write_file(platform, "role = master\n");
+	EXPECT_EQ(tolvard_config_read(0), 0);
+	EXPECT_EQ(tolvard_state.gres_configured, 1) << "no read, no change";
+	EXPECT_EQ(tolvard_state.gres_enabled, 0) << "acting on it is not ours";
 }
 
 } // namespace
