@@ -1,0 +1,470 @@
+/*
+ * Opening, closing and initialising a heap file.
+ *
+ * Opening never destroys content that another process could still need:
+ *  - a file that is ready but damaged (header, size or nodes) is left
+ *    untouched; the open fails with EUCLEAN and an MMF_CORRUPT event, and
+ *    the owner of the store decides (mmf_unlink, then a new store);
+ *  - a file longer than its current_bytes is a grow that stopped between
+ *    ftruncate and the new current_bytes: the grow is finished, not the
+ *    store reset;
+ *  - only magic 0, or an initialisation whose process is dead, is
+ *    (re)initialised.
+ */
+#include "mmf_impl.h"
+
+#include "mmf/mmf_check.h"
+#include "platform/process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace mmf_impl;
+
+namespace {
+
+constexpr key_t kCreationSemKey = 0xDDD5;
+
+int creation_sem()
+{
+	int id = semget(kCreationSemKey, 1, 0600);
+	if (id >= 0)
+		return id;
+	/*
+	 * IPC_EXCL: of two first creators only one sets the value to 1;
+	 * the other finds the set and waits at semop until it is set.
+	 */
+	id = semget(kCreationSemKey, 1, IPC_CREAT | IPC_EXCL | 0600);
+	if (id >= 0) {
+		MMF_ASSERT(semctl(id, 0, SETVAL, 1) == 0);
+		return id;
+	}
+	id = semget(kCreationSemKey, 1, 0600);
+	MMF_ASSERT(id >= 0);
+	return id;
+}
+
+void creation_sem_op(int id, short delta)
+{
+	struct sembuf op = {0, delta, SEM_UNDO};
+	for (int i = 0; i < 1000; i++) {
+		if (semop(id, &op, 1) == 0)
+			return;
+		MMF_ASSERT(errno == EINTR);
+	}
+	MMF_ASSERT(!"creation semaphore: too many interruptions");
+}
+
+uint64_t round_up(uint64_t v, uint64_t to)
+{
+	return to == 0 ? v : (v + to - 1) / to * to;
+}
+
+/* All counters and allocation statistics; not the lock word, the magic,
+ * the layout or the created marker. */
+void zero_stats(mmf_shared_info_t *si)
+{
+	si->allocated_bytes = 0;
+	si->alloc_count = 0;
+	si->free_count = 0;
+	memset(si->allocs_by_class, 0, sizeof(si->allocs_by_class));
+	memset(si->frees_by_class, 0, sizeof(si->frees_by_class));
+	uint8_t *from = reinterpret_cast<uint8_t *>(&si->bad_header_count);
+	uint8_t *to = reinterpret_cast<uint8_t *>(&si->created);
+	memset(from, 0, static_cast<size_t>(to - from));
+}
+
+uint64_t file_size(mmf_t *m)
+{
+	struct stat st;
+	if (fstat(m->fd, &st) != 0)
+		return 0;
+	return static_cast<uint64_t>(st.st_size);
+}
+
+/* Under the lock: lay a fresh store over the whole file. */
+void initialise(mmf_t *m)
+{
+	mmf_shared_info_t *si = m->shared_info;
+	si->reserved1 = si->reserved2 = si->sanity = 0;
+	si->initializer = static_cast<uint32_t>(mmf_getpid());
+	si->magic = MMF_MAGIC_INIT;
+	si->version = MMF_VERSION;
+	si->header_bytes = MMF_HEADER_BYTES;
+	set_allocation_info(si, m->want_classes, m->want_sizes);
+	si->first_alloc_offset = round_up(MMF_HEADER_BYTES, m->page_size);
+	si->common_offset = 0;
+	si->common_len = 0;
+	memset(si->free_heads, 0, sizeof(si->free_heads));
+	zero_stats(si);
+	si->raw = m->raw ? 1 : 0;
+	uint64_t size = file_size(m);
+	if (size < m->default_bytes) {
+		MMF_ASSERT(ftruncate(m->fd, static_cast<off_t>(m->default_bytes)) == 0);
+		size = m->default_bytes;
+	}
+	si->current_bytes = size;
+	drop_regions(m);
+	add_free_bytes(m, si->first_alloc_offset, size);
+	zero_stats(si);
+	m->stats = {};
+	drop_regions(m);
+	std::atomic_ref<uint32_t>(si->magic).store(MMF_MAGIC_READY);
+}
+
+bool refuse(mmf_t *m, const char *why)
+{
+	m->corrupt = true;
+	log_event("MMF_CORRUPT", "mmf_create", __LINE__,
+	    "%s: %s; store left untouched", m->name, why);
+	mmf_errno = EUCLEAN;
+	return false;
+}
+
+bool check_ready(mmf_t *m, uint64_t size)
+{
+	struct mmf_check_report rep;
+	if (mmf_check_header(m->shared_info, MMF_HEADER_BYTES, size, &rep) ==
+	    MMF_CHECK_OK)
+		return true;
+	if (rep.status == MMF_CHECK_SIZE && size > m->shared_info->current_bytes)
+		return true;	/* an unfinished grow, finished below */
+	return refuse(m, rep.detail);
+}
+
+/* A ready store: adopt new classes when empty, check, finish a grow. */
+bool open_ready(mmf_t *m)
+{
+	mmf_shared_info_t *si = m->shared_info;
+	mmf_lock(m);
+	uint64_t size = file_size(m);
+	if (!check_ready(m, size)) {
+		mmf_unlock(m);
+		return false;
+	}
+	if (si->allocated_bytes == 0 && m->allocs_allowed) {
+		uint32_t have[MMF_MAX_USER_CLASSES];
+		uint8_t n = mmf_get_allocation_info(m, have);
+		if (n != m->want_classes || !std::equal(have, have + n,
+		    m->want_sizes)) {
+			set_allocation_info(si, m->want_classes, m->want_sizes);
+			repair_after_dead_holder(m);	/* relist by class */
+		}
+	}
+	bool ok = true;
+	if (strcmp(platform_progname(), "brindle") != 0)
+		ok = mmf_valid(m, false);
+	if (ok && si->current_bytes < size) {
+		log_event("MMF_GROW_FINISHED", "mmf_create", __LINE__,
+		    "%s: grow from %llu to %llu finished", m->name,
+		    static_cast<unsigned long long>(si->current_bytes),
+		    static_cast<unsigned long long>(size));
+		extend_area(m, size);
+	}
+	mmf_unlock(m);
+	if (!ok)
+		return refuse(m, "nodes do not tile");
+	return true;
+}
+
+/*
+ * Bring the shared information to ready: wait for a live initialiser,
+ * replace a dead one, or initialise ourselves.
+ */
+bool init_shared_info(mmf_t *m)
+{
+	mmf_shared_info_t *si = m->shared_info;
+	uint64_t waited = 0, start = now_ns(), last_second = 0;
+	for (;;) {
+		uint32_t magic = std::atomic_ref<uint32_t>(si->magic).load();
+		if (magic == MMF_MAGIC_READY) {
+			if (!open_ready(m))
+				return false;
+			if (std::atomic_ref<uint32_t>(si->magic).load() ==
+			    MMF_MAGIC_READY)
+				return true;
+			continue;
+		}
+		if (magic == MMF_MAGIC_INIT &&
+		    si->initializer != static_cast<uint32_t>(mmf_getpid())) {
+			waited = now_ns() - start;
+			MMF_ASSERT(waited < scaled_ns(60) &&
+			    "total_sleeptime.tv_sec < 60");
+			uint64_t second = waited / scaled_ns(1);
+			if (second != last_second) {
+				last_second = second;
+				uint32_t who = si->initializer;
+				if (!mmf_pid_alive(static_cast<pid_t>(who))) {
+					log_event("MMF_INIT_DEAD", __func__,
+					    __LINE__, "%s: initialiser %u died;"
+					    " initialising again", m->name, who);
+					uint32_t expect = MMF_MAGIC_INIT;
+					std::atomic_ref<uint32_t>(si->magic)
+					    .compare_exchange_strong(expect, 0);
+					si->initializer = 0;
+				}
+			}
+			sleep_ns(1000000);
+			continue;
+		}
+		if (magic != MMF_MAGIC_NONE && magic != MMF_MAGIC_INIT)
+			return refuse(m, "bad magic");
+		mmf_lock(m);
+		magic = std::atomic_ref<uint32_t>(si->magic).load();
+		if (magic == MMF_MAGIC_NONE || (magic == MMF_MAGIC_INIT &&
+		    !mmf_pid_alive(static_cast<pid_t>(si->initializer))) ||
+		    (magic == MMF_MAGIC_INIT &&
+		    si->initializer == static_cast<uint32_t>(mmf_getpid())))
+			initialise(m);
+		mmf_unlock(m);
+	}
+}
+
+} // namespace
+
+namespace mmf_impl {
+
+/*
+ * Map the header (whole mode: the whole file).  A file without even a
+ * header page is new when empty and damaged otherwise.
+ */
+bool map_header(mmf_t *m, bool *is_new)
+{
+	uint64_t foa = round_up(MMF_HEADER_BYTES, m->page_size);
+	uint64_t size = file_size(m);
+	*is_new = size == 0;
+	if (*is_new) {
+		if (ftruncate(m->fd, static_cast<off_t>(m->default_bytes)) != 0) {
+			mmf_errno = errno;
+			return false;
+		}
+		size = m->default_bytes;
+	} else if (size < foa) {
+		return refuse(m, "file shorter than its header");
+	}
+	if (size > m->max_bytes) {
+		if (m->whole_mapped) {
+			m->max_bytes = m->default_bytes = m->grow_by_bytes =
+			    round_up(size, m->page_size);
+		} else {
+			m->max_bytes = round_up(size, m->region_map_bytes);
+			m->regions = m->max_bytes / m->region_map_bytes;
+		}
+	}
+	uint64_t bytes = m->whole_mapped ? m->max_bytes : foa;
+	void *p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED,
+	    m->fd, 0);
+	if (p == MAP_FAILED) {
+		mmf_errno = errno;
+		return false;
+	}
+	m->shared_info = static_cast<mmf_shared_info_t *>(p);
+	if (m->whole_mapped) {
+		m->whole_base = static_cast<uint8_t *>(p);
+		m->whole_bytes = bytes;
+		m->mapped_bytes = bytes;
+	}
+	MMF_BUMP(m, mmap_calls);
+	m->shared_info->last_mapper = static_cast<uint32_t>(mmf_getpid());
+	return alloc_region_table(m);
+}
+
+void unmap_all(mmf_t *m)
+{
+	free_region_table(m);
+	if (m->shared_info == nullptr)
+		return;
+	if (m->whole_mapped)
+		munmap(m->whole_base, m->whole_bytes);
+	else
+		munmap(m->shared_info, round_up(MMF_HEADER_BYTES, m->page_size));
+	m->shared_info = nullptr;
+	m->whole_base = nullptr;
+	m->whole_bytes = 0;
+	m->mapped_bytes = 0;
+}
+
+} // namespace mmf_impl
+
+static void release(mmf_t *m)
+{
+	unmap_all(m);
+	if (m->fd >= 0)
+		close(m->fd);
+	free(m->name);
+	delete m;
+}
+
+/* Map, initialise or check; then make sure the store has its first size. */
+static bool open_mapped(mmf_t *m)
+{
+	bool is_new;
+	if (!map_header(m, &is_new))
+		return false;
+	if (is_new)
+		m->shared_info->magic = MMF_MAGIC_NONE;
+	if (!init_shared_info(m))
+		return false;
+	if (m->read_only && m->whole_mapped)
+		mprotect(m->whole_base + m->shared_info->first_alloc_offset,
+		    m->whole_bytes - m->shared_info->first_alloc_offset,
+		    PROT_READ);
+	return true;
+}
+
+extern "C" mmf_t *mmf_create(const char *name, uint64_t max_bytes,
+    uint64_t default_bytes, uint64_t grow_by_bytes, bool whole_mapped,
+    uint64_t region_map_bytes, uint32_t max_mapped_regions,
+    uint8_t num_alloc_sizes, const uint32_t *alloc_sizes, uint32_t flags,
+    bool *created)
+{
+	if (created != nullptr)
+		*created = false;
+	MMF_ASSERT(num_alloc_sizes != 0 && num_alloc_sizes != 255);
+	uint32_t nsizes = std::min<uint32_t>(num_alloc_sizes,
+	    MMF_MAX_USER_CLASSES);
+	uint32_t largest = *std::max_element(alloc_sizes, alloc_sizes + nsizes);
+
+	mmf_t *m = new mmf_t{};
+	m->fd = -1;
+	m->page_size = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+	m->mmap_flags = MMF_MMAP_FLAGS;
+	m->create_flags = flags;
+	m->name = strdup(name);
+	m->whole_mapped = whole_mapped;
+	m->read_only = (flags & MMF_CREATE_READ_ONLY) != 0;
+	m->raw = (flags & MMF_CREATE_RAW) != 0;
+	m->allocs_allowed = (flags & MMF_CREATE_NO_ALLOCS) == 0;
+	m->assert_on_bad = true;
+	m->want_classes = nsizes;
+	memcpy(m->want_sizes, alloc_sizes, nsizes * sizeof(uint32_t));
+	m->meminfo_index = 0;
+
+	uint64_t foa = round_up(MMF_HEADER_BYTES, m->page_size);
+	uint64_t eff_max = std::max<uint64_t>(max_bytes, foa + largest);
+	if (!whole_mapped) {
+		MMF_ASSERT(max_bytes >= region_map_bytes);
+		MMF_ASSERT(region_map_bytes != 0 &&
+		    max_bytes % region_map_bytes == 0);
+		MMF_ASSERT(default_bytes >= region_map_bytes);
+		MMF_ASSERT(grow_by_bytes >= region_map_bytes);
+		MMF_ASSERT(grow_by_bytes % region_map_bytes == 0);
+		MMF_ASSERT(region_map_bytes >= 2 * (uint64_t(largest) + 52));
+		MMF_ASSERT(region_map_bytes * max_mapped_regions <= max_bytes);
+		uint64_t R = round_up(region_map_bytes, m->page_size);
+		m->region_map_bytes = R;
+		m->max_bytes = round_up(eff_max, R);
+		m->default_bytes = round_up(default_bytes, R);
+		m->grow_by_bytes = round_up(grow_by_bytes, R);
+		m->regions = m->max_bytes / R;
+		m->max_mapped_regions = max_mapped_regions;
+		m->region_shift = (R & (R - 1)) == 0 ?
+		    static_cast<uint64_t>(__builtin_ctzll(R)) : 0;
+	} else {
+		m->max_bytes = m->default_bytes = m->grow_by_bytes =
+		    round_up(eff_max, m->page_size);
+		m->region_map_bytes = 0;
+		m->max_mapped_regions = 1;
+	}
+
+	std::string path = resolve(name);
+	bool ok = false;
+	m->fd = open(path.c_str(), O_RDWR | O_CLOEXEC, 0600);
+	if (m->fd >= 0) {
+		flock(m->fd, LOCK_EX);
+		ok = open_mapped(m);
+		flock(m->fd, LOCK_UN);
+	} else if (errno == ENOENT) {
+		int sem = creation_sem();
+		creation_sem_op(sem, -1);
+		m->fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+		if (m->fd < 0) {
+			mmf_errno = errno;
+		} else {
+			flock(m->fd, LOCK_EX);
+			ok = open_mapped(m);
+			if (ok) {
+				mmf_shared_info_t *si = m->shared_info;
+				MMF_BUMP(m, create_opens);
+				if (m->default_bytes != 0 && si->created == 0) {
+					si->created = 1;
+					if (created != nullptr)
+						*created = true;
+				}
+				if (si->current_bytes < m->default_bytes)
+					mmf_grow(m);
+			}
+			flock(m->fd, LOCK_UN);
+		}
+		creation_sem_op(sem, 1);
+	} else {
+		mmf_errno = errno;
+	}
+	if (!ok) {
+		release(m);
+		return nullptr;
+	}
+	if (m->shared_info->current_bytes < m->default_bytes &&
+	    m->allocs_allowed)
+		mmf_grow(m);
+	if (created != nullptr)
+		meminfo_refresh(m);
+	return m;
+}
+
+extern "C" void mmf_close(mmf_t *m)
+{
+	if (m == nullptr)
+		return;
+	pid_t tid = gettid_cached();
+	m->closing_thread.store(tid);
+	m->closing.store(true);
+	uint32_t self = static_cast<uint32_t>(mmf_getpid());
+	while (std::atomic_ref<uint32_t>(m->shared_info->lockerpid).load() ==
+	    self && m->locker_cnt.load() > 0 && m->locker_thread.load() != tid)
+		sleep_ns(10000000);
+	release(m);
+}
+
+extern "C" void mmf_delete(mmf_t *m)
+{
+	if (m == nullptr)
+		return;
+	std::string path = resolve(m->name);
+	mmf_close(m);
+	unlink(path.c_str());
+}
+
+extern "C" int mmf_unlink(const char *name)
+{
+	std::string path = resolve(name);
+	return unlink(path.c_str());
+}
+
+extern "C" bool mmf_recreate(mmf_t *m)
+{
+	uint32_t sizes[MMF_MAX_USER_CLASSES];
+	uint8_t n = mmf_get_allocation_info(m, sizes);
+	if (n != 0 && !m->corrupt) {
+		m->want_classes = n;
+		memcpy(m->want_sizes, sizes, n * sizeof(uint32_t));
+	}
+	mmf_lock(m);
+	std::atomic_ref<uint32_t>(m->shared_info->magic).store(MMF_MAGIC_NONE);
+	mmf_unlock(m);
+	unmap_all(m);
+	m->corrupt = false;
+	flock(m->fd, LOCK_EX);
+	bool ok = open_mapped(m);
+	flock(m->fd, LOCK_UN);
+	return ok;
+}
