@@ -62,8 +62,10 @@ void tolvard_open(void)
 		tolvard_trace(TRACE_DB,
 		    "%s called, but our role is neither master nor standby",
 		    __func__);
-		/* db_up means the database is open; it is not. */
-		tolvard_state.db_up = 0;
+		/* db_up means the database is open: without a client
+		 * handle it cannot be. */
+		if (tolvard_state.keel_handle == nullptr)
+			tolvard_state.db_up = 0;
 		return;
 	}
 	otimer_stop(tolvard_state.db_retry_timer);
@@ -72,7 +74,7 @@ void tolvard_open(void)
 		tolvard_state.keel_handle = make_keel_handle();
 
 	int rc = tolvard_state.keel_handle != nullptr
-	    ? keel_register(tolvard_state.keel_handle) : -2;
+	    ? keel_register(tolvard_state.keel_handle) : SDB_ERR_NOMEM;
 	if (rc == 0) {
 		tolvard_state.db_retry_delay = TOLVARD_DB_RETRY_FIRST;
 		tolvard_state.db_attempts = 0;
@@ -153,6 +155,11 @@ void tolvard_reopen(void)
 
 void tolvard_close(void)
 {
+	/*
+	 * A retry left pending would open the database again behind the
+	 * back of whoever closed it (a role change waiting to restart).
+	 */
+	otimer_stop(tolvard_state.db_retry_timer);
 	if (tolvard_state.keel_handle != nullptr) {
 		int rc = keel_unregister(&tolvard_state.keel_handle);
 		if (rc != 0) {

@@ -246,6 +246,19 @@ TEST_F(DbOpen, ReopenKeepsOnePendingAttempt)
 	EXPECT_EQ(script.register_times.size(), 3u);
 }
 
+TEST_F(DbOpen, CloseCancelsPendingRetry)
+{
+	script.answers = {-12};
+	tolvard_open();
+	tolvard_close();
+	run_for(30);
+	EXPECT_EQ(script.register_times.size(), 1u);
+	EXPECT_EQ(tolvard_state.db_up, 0);
+	tolvard_open();			/* a later open starts afresh */
+	EXPECT_EQ(tolvard_state.db_up, 1);
+	EXPECT_EQ(script.handles, 2);
+}
+
 TEST_F(DbOpen, EleventhCountedFailureEndsTheProcess)
 {
 	for (int i = 0; i < 11; i++)
