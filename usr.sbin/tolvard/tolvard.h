@@ -22,8 +22,8 @@
 
 struct keel_handle;
 struct keel_issu_info;
-struct tolvard_entry;	/* a mirror record entry, see rep.cc */
-struct tolvard_conn;	/* a local client connection, see server.cc */
+struct tolvard_entry;	/* an entry of the record channel */
+struct tolvard_conn;	/* a connection of the local server */
 
 enum tolvard_role {
 	role_none = 0,
