@@ -286,6 +286,16 @@ otimer_fire(evContext ev, void *uap, struct timespec due, struct timespec inter)
 	htimer_t *root = root_of(ctx);
 
 	ctx->ev_timer_set = false;	/* one-shot: the event library dropped it */
+	/*
+	 * A handler that turns the event loop itself must not have the timer
+	 * that is firing fired again underneath it: the outer call goes on
+	 * with the expired timers when the handler returns.
+	 */
+	if (ctx->in_fire) {
+		sync_event_timer(ctx);
+		return;
+	}
+	ctx->in_fire = true;
 	for (int i = 0; i < fire_batch; i++) {
 		if (!htimer_running(root) ||
 		    __evCmpTime(root->ht_expiry, __evNowTime()) > 0)
@@ -311,6 +321,7 @@ otimer_fire(evContext ev, void *uap, struct timespec due, struct timespec inter)
 			sync_event_timer(ctx);
 		}
 	}
+	ctx->in_fire = false;
 	sync_event_timer(ctx);
 }
 

@@ -62,6 +62,7 @@ struct otimer_context {
 	evTimerID ev_timer;
 	struct otimer root;		/* inner node, the only one the event library sees */
 	bool ev_timer_set;
+	bool in_fire;			/* otimer_fire is on the stack */
 	struct timespec ev_due;		/* what the event timer was set to */
 	patroot *groups;		/* made on first use */
 };

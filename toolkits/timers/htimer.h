@@ -63,8 +63,10 @@ htimer_is_leaf(const htimer_t *timer)
 }
 
 /*
- * Initialise a stopped timer as an inner node or a leaf under parent (NULL
- * for none: a root).  0, or -1 when refused (running timer, bad parent).
+ * Initialise a zeroed or stopped timer as an inner node or a leaf under
+ * parent (NULL for none: a root).  0, or -1 when refused (a running timer,
+ * a parent that is not an initialised inner node).  Memory that was never
+ * a timer must be zeroed first: garbage may look like a running one.
  */
 int htimer_init_node(htimer_t *timer, htimer_t *parent);
 int htimer_init_leaf(htimer_t *timer, htimer_t *parent);

@@ -141,7 +141,7 @@ TEST(HTimer, RandomOperationsKeepTheTreeInOrder)
 
 TEST(HTimer, EqualExpiriesKeepInsertionOrder)
 {
-	htimer_t root, a, b, c;
+	htimer_t root{}, a{}, b{}, c{};
 	ASSERT_EQ(htimer_init_node(&root, nullptr), 0);
 	for (htimer_t *x : {&a, &b, &c})
 		ASSERT_EQ(htimer_init_leaf(x, &root), 0);
@@ -162,7 +162,7 @@ TEST(HTimer, RestartCountsFromTheLastExpiry)
 {
 	struct timespec now = ts(500);
 	ev_clock_set(&now);
-	htimer_t root, a;
+	htimer_t root{}, a{};
 	ASSERT_EQ(htimer_init_node(&root, nullptr), 0);
 	ASSERT_EQ(htimer_init_leaf(&a, &root), 0);
 	htimer_start(&a, ts(2, 250000000), 0);
@@ -180,7 +180,7 @@ TEST(HTimer, RestartCountsFromTheLastExpiry)
 
 TEST(HTimer, InitialisingARunningTimerIsRefused)
 {
-	htimer_t root, a;
+	htimer_t root{}, a{};
 	ASSERT_EQ(htimer_init_node(&root, nullptr), 0);
 	ASSERT_EQ(htimer_init_leaf(&a, &root), 0);
 	htimer_set_expiry(&a, ts(3));

@@ -646,4 +646,155 @@ TEST_F(Timers, TheLastFatalHandlerGivenWins)
 	EXPECT_EQ(otimer_get_fatal_handler(), record_fatal);
 }
 
+struct nested {
+	evContext ev;
+	int calls = 0;
+};
+
+void
+turn_loop_inside(otimer_t *t, void *arg)
+{
+	(void)t;
+	auto *n = static_cast<nested *>(arg);
+	if (++n->calls > 1)
+		return;
+	/* A handler that runs the loop (a wait on a path that ends the
+	 * process, say) must not see its own timer fire again inside. */
+	for (int i = 0; i < 3; i++)
+		__evLoopOnce(n->ev, 0);
+}
+
+TEST_F(Timers, HandlerTurningTheLoopIsNotReentered)
+{
+	nested n;
+	n.ev = ev;
+	otimer_t *t = otimer_create(ctx, nullptr, turn_loop_inside, &n);
+	otimer_t *u = leaf(5);
+	otimer_periodic_secs(t, 1, 0);
+	otimer_oneshot_secs(u, 1, 0);
+	advance_and_turn(1);
+	EXPECT_EQ(n.calls, 1);
+	EXPECT_EQ(fired, (std::vector<intptr_t>{5}));
+	EXPECT_EQ(__evCmpTime(t->ht.ht_expiry, ts(1002)), 0);
+	ASSERT_TRUE(tree_ok());
+	otimer_delete(t);
+	otimer_delete(u);
+}
+
+/*
+ * Random arming, stopping, grouping and deleting against a model of when
+ * each timer is due.  Every expiry must come from a timer the model has
+ * due, in due order, and nothing due may be left once the loop is idle.
+ */
+struct model_timer {
+	otimer_t *t = nullptr;
+	bool running = false;
+	bool periodic = false;
+	struct timespec due {};
+	struct timespec interval {};
+};
+
+struct model_run {
+	std::vector<model_timer> timers;
+	std::vector<struct timespec> fired_dues;
+	size_t total = 0;
+	bool bad = false;
+};
+
+model_run *current_model;
+
+void
+model_fired(otimer_t *t, void *arg)
+{
+	model_run *m = current_model;
+	model_timer &mt = m->timers[reinterpret_cast<intptr_t>(arg)];
+	struct timespec now = __evNowTime();
+	if (mt.t != t || !mt.running || __evCmpTime(mt.due, now) > 0) {
+		m->bad = true;
+		return;
+	}
+	m->fired_dues.push_back(mt.due);
+	m->total++;
+	if (mt.periodic)
+		mt.due = __evAddTime(mt.due, mt.interval);
+	else
+		mt.running = false;
+}
+
+TEST_F(Timers, RandomWorkloadMatchesAModel)
+{
+	model_run m;
+	current_model = &m;
+	std::srand(77);
+	m.timers.resize(30);
+	for (intptr_t i = 0; i < 30; i++)
+		m.timers[i].t = otimer_create(ctx, nullptr, model_fired,
+		                              reinterpret_cast<void *>(i));
+	for (int step = 0; step < 4000; step++) {
+		model_timer &mt = m.timers[std::rand() % 30];
+		time_t secs = 1 + std::rand() % 8;
+		long nsecs = (std::rand() % 2) * 250000000L;
+		switch (std::rand() % 10) {
+		case 0:
+		case 1:
+			otimer_oneshot(mt.t, secs, nsecs, 0);
+			mt = {mt.t, true, false, __evAddTime(__evNowTime(), ts(secs, nsecs)),
+			      ts(secs, nsecs)};
+			break;
+		case 2:
+		case 3:
+			otimer_periodic(mt.t, secs, nsecs, 0);
+			mt = {mt.t, true, true, __evAddTime(__evNowTime(), ts(secs, nsecs)),
+			      ts(secs, nsecs)};
+			break;
+		case 4:
+			otimer_periodic_group_secs(mt.t, secs, 0);
+			mt = {mt.t, true, true, __evAddTime(__evNowTime(), ts(secs)), ts(secs)};
+			break;
+		case 5:
+			otimer_oneshot_group_secs(mt.t, secs, 0);
+			mt = {mt.t, true, false, __evAddTime(__evNowTime(), ts(secs)), ts(secs)};
+			break;
+		case 6:
+			otimer_stop(mt.t);
+			mt.running = false;
+			break;
+		case 7: {
+			void *arg = otimer_arg(mt.t);
+			otimer_delete(mt.t);
+			mt = {};
+			mt.t = otimer_create(ctx, nullptr, model_fired, arg);
+			break;
+		}
+		default: {
+			advance(std::rand() % 3, (std::rand() % 4) * 250000000L);
+			m.fired_dues.clear();
+			/* Ten per turn: enough turns for everything due. */
+			for (int i = 0; i < 40; i++)
+				turn();
+			for (size_t i = 1; i < m.fired_dues.size(); i++)
+				ASSERT_LE(__evCmpTime(m.fired_dues[i - 1], m.fired_dues[i]), 0)
+				    << "step " << step;
+			break;
+		}
+		}
+		ASSERT_FALSE(m.bad) << "step " << step;
+		ASSERT_TRUE(tree_ok()) << "step " << step;
+		for (const model_timer &x : m.timers) {
+			ASSERT_EQ(otimer_is_running(x.t), x.running) << "step " << step;
+			if (x.running) {
+				ASSERT_EQ(__evCmpTime(x.t->ht.ht_expiry, x.due), 0) << "step " << step;
+			}
+		}
+		ASSERT_EQ(ctx->ev_timer_set, htimer_running(&ctx->root.ht));
+		if (ctx->ev_timer_set) {
+			ASSERT_EQ(__evCmpTime(ctx->ev_due, ctx->root.ht.ht_expiry), 0);
+		}
+	}
+	EXPECT_GT(m.total, 1000u);	/* the workload did fire timers */
+	for (model_timer &x : m.timers)
+		otimer_delete(x.t);
+	EXPECT_EQ(ctx->groups == nullptr ? 0u : patricia_count(ctx->groups), 0u);
+}
+
 } // namespace
