@@ -525,6 +525,7 @@ mirror_data_receive()
 		mirror_trace("mirror read disabled");
 		return;
 	}
+	errno = 0;	/* a read of 0 leaves no stale reason behind */
 	ssize_t n = read(mirror_l.task->fd, mirror_l.rx_buf + mirror_l.rx_in, room);
 	if (n == 0) {
 		mirror_l.stats.ms_last_errno = errno;
