@@ -136,6 +136,9 @@ new_timer(otimer_context_t *ctx, otimer_t *parent, bool leaf)
 		return nullptr;
 	if (parent == nullptr)
 		parent = &ctx->root;
+	/* Another context's tree would be synchronised with the wrong loop. */
+	if (!OTIMER_CHECK(parent->context == ctx))
+		return nullptr;
 	auto *t = static_cast<otimer_t *>(std::calloc(1, sizeof(otimer_t)));
 	if (t == nullptr)
 		return nullptr;

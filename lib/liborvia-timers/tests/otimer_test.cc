@@ -585,6 +585,17 @@ TEST_F(Timers, MisuseIsReportedThroughTheFatalHandler)
 	/* "file:line: " in front. */
 	EXPECT_EQ(fatal_messages[2].rfind("htimer.cc:", 0), 0u) << fatal_messages[2];
 
+	/* A parent of another context. */
+	otimer_context_t *other = otimer_context_create(ev, nullptr);
+	kept().push_back(other);
+	otimer_t *foreign = otimer_node_create(other, nullptr);
+	EXPECT_EQ(otimer_create(ctx, foreign, record, nullptr), nullptr);
+	ASSERT_EQ(fatal_messages.size(), 4u);
+	EXPECT_NE(fatal_messages[3].find("assert 'parent->context == ctx' failed"),
+	          std::string::npos) << fatal_messages[3];
+	otimer_delete(foreign);
+	fatal_messages.pop_back();
+
 	/* Releasing a group twice is caught, and changes nothing. */
 	otimer_oneshot_group_secs(t, 9, 0);
 	struct otimer_group *g = t->group;
