@@ -25,6 +25,8 @@ uint8_t *table_base;
 uint32_t table_len;
 
 constexpr uint64_t kDone = UINT64_MAX;
+/* Set while this thread opens the table's own heap, which has no row. */
+thread_local bool opening_table;
 
 meminfo_header_t *hdr()
 {
@@ -112,9 +114,11 @@ bool table_open()
 	open_tried = true;
 	mmf_mkdir_path(MEMINFO_DIR);
 	const uint32_t sizes[1] = {64};
+	opening_table = true;
 	mmf_t *h = mmf_create(MEMINFO_PATH, MEMINFO_FILE_BYTES,
 	    MEMINFO_FILE_BYTES, MEMINFO_FILE_BYTES, true, MEMINFO_FILE_BYTES, 1,
 	    1, sizes, 0, nullptr);
+	opening_table = false;
 	if (h == nullptr)
 		return false;
 	h->no_meminfo = true;
@@ -425,7 +429,7 @@ namespace mmf_impl {
 
 void meminfo_refresh(mmf_t *m)
 {
-	if (m->no_meminfo)
+	if (m->no_meminfo || opening_table)
 		return;
 	meminfo_mmf_t d = {};
 	snprintf(d.c.name, sizeof(d.c.name), "%.95s", m->name);

@@ -199,6 +199,10 @@ extern "C" void mmf_free_offset(mmf_t *m, uint64_t offset)
 extern "C" void *mmf_ensure_mapped(mmf_t *m, uint64_t offset, uint32_t len)
 {
 	MMF_BUMP(m, ensure_mapped_calls);
+	if (!m->whole_mapped) {
+		MMF_ASSERT(len < 2 * m->region_map_bytes);
+		MMF_ASSERT(offset + len <= m->max_bytes);
+	}
 	return map_range(m, offset, len, false);
 }
 

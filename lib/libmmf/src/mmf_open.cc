@@ -101,6 +101,8 @@ void initialise(mmf_t *m)
 	si->version = MMF_VERSION;
 	si->header_bytes = MMF_HEADER_BYTES;
 	set_allocation_info(si, m->want_classes, m->want_sizes);
+	if (mmf_init_test_hook != nullptr)
+		mmf_init_test_hook();
 	si->first_alloc_offset = round_up(MMF_HEADER_BYTES, m->page_size);
 	si->common_offset = 0;
 	si->common_len = 0;
@@ -126,6 +128,7 @@ bool refuse(mmf_t *m, const char *why)
 	m->corrupt = true;
 	log_event("MMF_CORRUPT", "mmf_create", __LINE__,
 	    "%s: %s; store left untouched", m->name, why);
+	meminfo_refresh(m);	/* the row carries the corrupt flag */
 	mmf_errno = EUCLEAN;
 	return false;
 }
@@ -273,8 +276,13 @@ bool map_header(mmf_t *m, bool *is_new)
 		m->whole_bytes = bytes;
 		m->mapped_bytes = bytes;
 	}
-	MMF_BUMP(m, mmap_calls);
-	m->shared_info->last_mapper = static_cast<uint32_t>(mmf_getpid());
+	/* Judge a ready header before writing a byte of the file. */
+	uint32_t magic = m->shared_info->magic;
+	if (!*is_new && magic == MMF_MAGIC_READY && !check_ready(m, size))
+		return false;
+	if (magic != MMF_MAGIC_READY && magic != MMF_MAGIC_INIT &&
+	    magic != MMF_MAGIC_NONE)
+		return refuse(m, "bad magic");
 	return alloc_region_table(m);
 }
 
@@ -314,6 +322,8 @@ static bool open_mapped(mmf_t *m)
 		m->shared_info->magic = MMF_MAGIC_NONE;
 	if (!init_shared_info(m))
 		return false;
+	MMF_BUMP(m, mmap_calls);
+	m->shared_info->last_mapper = static_cast<uint32_t>(mmf_getpid());
 	if (m->read_only && m->whole_mapped)
 		mprotect(m->whole_base + m->shared_info->first_alloc_offset,
 		    m->whole_bytes - m->shared_info->first_alloc_offset,

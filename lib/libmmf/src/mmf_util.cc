@@ -25,6 +25,7 @@
 
 int mmf_errno;
 int mmf_fatal_code;
+void (*mmf_init_test_hook)(void);
 
 namespace {
 

@@ -8,8 +8,39 @@
 #include <cstdio>
 #include <cstring>
 #include <unistd.h>
+#include <vector>
 
 using namespace mmf_impl;
+
+/*
+ * An empty store whose first node is exactly its default size gives the
+ * grown space back.  The free nodes beyond the default leave their lists
+ * before current_bytes drops, so no list leads past the end; the file
+ * is cut last, and a death before that is an unfinished grow to the next
+ * opener.
+ */
+static void shrink_if_empty(mmf_t *m)
+{
+	mmf_shared_info_t *si = m->shared_info;
+	uint64_t def = m->default_bytes, foa = si->first_alloc_offset;
+	mmf_node_header_t n;
+	if (si->allocated_bytes != 0 || si->current_bytes <= def ||
+	    !node_read(m, foa, &n) || !(n.flags & MMF_FLAG_FREE) ||
+	    n.len != def - foa)
+		return;
+	std::vector<uint64_t> beyond;
+	for (uint64_t off = def; off < si->current_bytes; off += n.len) {
+		if (!node_valid(m, off, &n, false) || !(n.flags & MMF_FLAG_FREE))
+			return;
+		beyond.push_back(off);
+	}
+	for (uint64_t off : beyond)
+		list_remove(m, off);
+	std::atomic_ref<uint64_t>(si->current_bytes).store(def);
+	m->shrinks_at_check++;
+	if (ftruncate(m->fd, static_cast<off_t>(def)) != 0)
+		return;
+}
 
 extern "C" bool mmf_valid(mmf_t *m, bool fatal)
 {
@@ -26,16 +57,7 @@ extern "C" bool mmf_valid(mmf_t *m, bool fatal)
 
 	mmf_lock(m);
 	si = m->shared_info;
-	mmf_node_header_t first;
-	if (si->allocated_bytes == 0 && si->current_bytes > m->default_bytes &&
-	    node_read(m, si->first_alloc_offset, &first) &&
-	    (first.flags & MMF_FLAG_FREE) && first.prev_offset == 0 &&
-	    first.next_offset == 0 &&
-	    first.len == m->default_bytes - si->first_alloc_offset &&
-	    ftruncate(m->fd, static_cast<off_t>(m->default_bytes)) == 0) {
-		si->current_bytes = m->default_bytes;
-		m->shrinks_at_check++;
-	}
+	shrink_if_empty(m);
 
 	bool saved = m->assert_on_bad;
 	m->assert_on_bad = fatal;

@@ -40,6 +40,8 @@ typedef struct mmf mmf_t;
 extern int mmf_errno;
 /* Code of the last fatal problem, kept for post-mortem inspection. */
 extern int mmf_fatal_code;
+/* For crash tests: called halfway through initialising a store. */
+extern void (*mmf_init_test_hook)(void);
 
 mmf_t *mmf_create(const char *name, uint64_t max_bytes, uint64_t default_bytes,
     uint64_t grow_by_bytes, bool whole_mapped, uint64_t region_map_bytes,
