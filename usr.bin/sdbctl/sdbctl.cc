@@ -9,10 +9,14 @@
  */
 int sdbctl_status(int argc, char **argv);
 int sdbctl_strerror(int argc, char **argv);
+int sdbctl_meminfo(int argc, char **argv);
+int sdbctl_heap(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "", sdbctl_status},
 	{"strerror", "code", sdbctl_strerror},
+	{"meminfo", "", sdbctl_meminfo},
+	{"heap", "file", sdbctl_heap},
 	{nullptr, nullptr, nullptr},
 };
 
