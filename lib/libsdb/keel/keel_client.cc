@@ -123,11 +123,14 @@ init_environment(keel_handle *h)
 void
 keel_log(const keel_handle *h, int priority, const char *fmt, ...)
 {
-	if (h == nullptr || h->log_cb == nullptr)
+	if (h == nullptr)
 		return;
 	va_list ap;
 	va_start(ap, fmt);
-	h->log_cb(h->log_ctx, priority, fmt, ap);
+	if (h->log_cb != nullptr)
+		h->log_cb(h->log_ctx, priority, fmt, ap);
+	else
+		keel_env()->trace(const_cast<keel_handle *>(h), priority, fmt, ap);
 	va_end(ap);
 }
 

@@ -7,6 +7,7 @@
 #ifndef KEEL_ENV_H
 #define KEEL_ENV_H
 
+#include <stdarg.h>
 #include <stdint.h>
 
 struct keel_handle;
@@ -30,6 +31,9 @@ struct keel_env_ops {
 	uint32_t (*recovery_status)(void);
 	/* Registration area setup, with a null callback. */
 	int	(*register_setup)(void);
+	/* The library's trace, for a process that gave no log callback. */
+	void	(*trace)(struct keel_handle *h, int level, const char *fmt,
+		    va_list ap);
 };
 
 /* The table in use; tests may swap it (and restore it with NULL). */

@@ -83,6 +83,13 @@ register_setup(void)
 	return 0;
 }
 
+void
+trace(keel_handle *h, int level, const char *fmt, va_list ap)
+{
+	if (sdb_trace_fn != nullptr)
+		sdb_trace_fn(h, level, fmt, ap);
+}
+
 } // namespace
 
 const keel_env_ops keel_env_default = {
@@ -99,4 +106,5 @@ const keel_env_ops keel_env_default = {
 	set_recovering,
 	recovery_status,
 	register_setup,
+	trace,
 };

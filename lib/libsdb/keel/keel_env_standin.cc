@@ -24,13 +24,14 @@ void set_mastership(int m) { master_flag = m != 0; }
 void set_recovering(void) {}
 uint32_t recovery_status(void) { return 3; }
 int register_setup(void) { return 0; }
+void trace(keel_handle *, int, const char *, va_list) {}
 
 } // namespace
 
 const keel_env_ops keel_env_default = {
 	ok1, ok1, db_init, ok2, ok2, check, env_value, platform_supported,
 	is_master, set_mastership, set_recovering, recovery_status,
-	register_setup,
+	register_setup, trace,
 };
 
 extern "C" const char *

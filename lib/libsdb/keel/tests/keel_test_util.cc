@@ -44,12 +44,13 @@ void set_mastership(int m) { record.master = m; }
 void set_recovering(void) { record.recovering = true; }
 uint32_t recovery_status(void) { return record.recovery_status; }
 int register_setup(void) { note("register_setup"); return 0; }
+void trace(keel_handle *, int, const char *, va_list) {}
 
 const keel_env_ops ops = {
 	open_internal, close_internal, db_init, secondary_init,
 	secondary_recover, env_check, env_value, platform_supported,
 	is_master, set_mastership, set_recovering, recovery_status,
-	register_setup,
+	register_setup, trace,
 };
 
 } // namespace
