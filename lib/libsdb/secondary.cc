@@ -162,13 +162,6 @@ void sdb_db_tables_reset(void)
 	p->lock_type = -1;
 }
 
-static void unlock_if_taken(bool took, bool is_keel)
-{
-	if (took && sdb_db_unlock(SDB_LOCK_WRITE) != 0)
-		sdb_trace(SDB_TRACE_ERR, "%s:%u Failed to unlock, is_keel: %d",
-		    __func__, __LINE__, (int)is_keel);
-}
-
 extern "C" int sdb_db_secondary_init(bool is_keel, bool is_locked)
 {
 	bool took = false;
@@ -188,22 +181,31 @@ extern "C" int sdb_db_secondary_init(bool is_keel, bool is_locked)
 		}
 		took = true;
 	}
+	/*
+	 * lock_pid is recorded only when it is free.  A dead writer's pid
+	 * there is the evidence that the tables need a rebuild: an attach
+	 * must not wipe it, so it then gives the bare semaphore back.
+	 */
+	bool recorded = false;
+	auto record = [&](void) {
+		if (!took || sdb_word(info_ptr->lock_pid).load() != 0)
+			return;
+		sdb_word(info_ptr->lock_pid).store((uint32_t)getpid());
+		info_ptr->lock_type = SDB_LOCK_WRITE;
+		recorded = true;
+	};
 	auto release = [&](void) {
 		if (!took)
 			return;
-		if (info_ptr != nullptr) {
-			unlock_if_taken(true, is_keel);
-		} else if (sdb_sem_unlock(SDB_SEM_SECONDARY, true) != 0) {
+		int rc = recorded ? sdb_db_unlock(SDB_LOCK_WRITE) :
+		    sdb_sem_unlock(SDB_SEM_SECONDARY, true);
+		if (rc != 0)
 			sdb_trace(SDB_TRACE_ERR,
 			    "%s:%u Failed to unlock, is_keel: %d", __func__,
 			    __LINE__, (int)is_keel);
-		}
 	};
 	if (info_ptr != nullptr) {
-		if (took) {
-			sdb_word(info_ptr->lock_pid).store((uint32_t)getpid());
-			info_ptr->lock_type = SDB_LOCK_WRITE;
-		}
+		record();
 	} else {
 		sdb_my_len = initial_len();
 		std::string path = sdb_store_path(SDB_INTF_FILE);
@@ -217,10 +219,7 @@ extern "C" int sdb_db_secondary_init(bool is_keel, bool is_locked)
 				return SDB_ERR_NOMEM;
 			}
 		}
-		if (took) {
-			sdb_word(info_ptr->lock_pid).store((uint32_t)getpid());
-			info_ptr->lock_type = SDB_LOCK_WRITE;
-		}
+		record();
 		int rc = mem_check();
 		if (rc != 0) {
 			sdb_trace(SDB_TRACE_ERR,

@@ -1,0 +1,295 @@
+"""The database environment with real processes: keel, clients and locks.
+
+Every scenario runs in an IPC namespace of its own (the semaphore key 8888
+is fixed), made persistent with "unshare --ipc=FILE" so that each process
+of the scenario can be started inside it with nsenter.
+"""
+import os
+import re
+import select
+import signal
+import subprocess
+import time
+
+import pytest
+
+from conftest import program, wait_for
+
+GENEROUS = 60.0
+
+
+@pytest.fixture
+def ipc_ns(tmp_path):
+    ns = tmp_path / "ipc-ns"
+    ns.touch()
+    subprocess.run(["unshare", f"--ipc={ns}", "true"], check=True)
+    yield str(ns)
+    subprocess.run(["umount", str(ns)], check=False)
+
+
+class Proc:
+    """A process of the scenario; its stdout is read line by line."""
+
+    def __init__(self, args, root, ns):
+        self.p = subprocess.Popen(
+            ["nsenter", f"--ipc={ns}", "--"] + args, env=root.env(),
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.fd = self.p.stdout.fileno()
+        self.buf = b""
+        self.lines = []
+        self.eof = False
+
+    def _read(self, timeout):
+        """Read what is there, waiting at most timeout; False at the end."""
+        if self.eof:
+            return False
+        r, _, _ = select.select([self.fd], [], [], max(timeout, 0))
+        if not r:
+            return True
+        data = os.read(self.fd, 4096)
+        if not data:
+            self.eof = True
+            return False
+        self.buf += data
+        *done, self.buf = self.buf.split(b"\n")
+        self.lines += [line.decode() for line in done]
+        return True
+
+    def expect(self, pattern, timeout=GENEROUS):
+        """Wait for a line matching pattern and consume it."""
+        deadline = time.monotonic() + timeout
+        while True:
+            for i, line in enumerate(self.lines):
+                m = re.search(pattern, line)
+                if m:
+                    del self.lines[i]
+                    return m
+            left = deadline - time.monotonic()
+            if left <= 0 or not self._read(min(left, 0.5)):
+                if self.eof or left <= 0:
+                    raise AssertionError(
+                        f"no line matching {pattern!r}; got {self.lines}")
+
+    def has_line(self, pattern):
+        self._read(0)
+        return any(re.search(pattern, line) for line in self.lines)
+
+    def kill(self):
+        self.p.kill()
+        self.p.wait(timeout=GENEROUS)
+
+    def wait(self, timeout=GENEROUS):
+        return self.p.wait(timeout=timeout)
+
+
+class Scenario:
+    def __init__(self, root, ns):
+        self.root = root
+        self.ns = ns
+        self.procs = []
+
+    def start(self, name, *args):
+        proc = Proc([program(name)] + list(args), self.root, self.ns)
+        self.procs.append(proc)
+        return proc
+
+    def run(self, name, *args):
+        return subprocess.run(
+            ["nsenter", f"--ipc={self.ns}", "--", program(name)] + list(args),
+            env=self.root.env(), capture_output=True, text=True,
+            timeout=GENEROUS)
+
+    def start_keel(self):
+        before = self.root.trace("keel").count("keel started")
+        keel = self.start("keel", "-N")
+        assert wait_for(lambda: self.root.trace("keel").count("keel started")
+                        > before, timeout=GENEROUS), self.root.trace("keel")
+        return keel
+
+    def stop(self):
+        for proc in self.procs:
+            if proc.p.poll() is None:
+                proc.kill()
+
+    def client(self, *args):
+        return self.start("sdbenv-client", *args)
+
+    def sem(self, what, number):
+        return int(self.run("sdbenv-client", what, str(number)).stdout)
+
+
+@pytest.fixture
+def sc(root, ipc_ns):
+    root.write_platform(role="master", scale_class=100)
+    s = Scenario(root, ipc_ns)
+    yield s
+    s.stop()
+
+
+def store(root, name):
+    return root.file(f"/mfs/var/sdb/shmem/{name}")
+
+
+def test_client_before_keel_fails_and_makes_nothing(sc, root):
+    c = sc.client("open")
+    c.expect(r"^open -19 session database has not started yet$")
+    assert c.wait() == 1
+    assert "Failed to get shared memory" in root.trace("sdbenv-client")
+    assert not store(root, "sdb.head").exists()
+    assert not store(root, "sdb_intf.db").exists()
+
+    st = sc.run("sdbctl", "status")
+    assert st.returncode == 1
+    assert "session database has not started yet" in st.stderr or \
+        "SDB unexpected fatal error" in st.stderr
+
+
+def test_clients_attach_and_closing_removes_nothing(sc, root):
+    sc.start_keel()
+    trace = root.trace("keel")
+    assert "shared memory does not exist" in trace
+    assert "semaphore does not exist" in trace
+    # Scale class 100 on a small memory: 50 buckets of 20 bytes.
+    assert store(root, "sdb.head").stat().st_size == 50 * 20 + 256
+    assert store(root, "sdb_intf.db").stat().st_size == 409600 // 10
+
+    holder = sc.client("hold-open")
+    holder.expect("^held$")
+    for _ in range(2):
+        c = sc.client("open")
+        c.expect(r"^open 0 success$")
+        c.expect(r"^state 7$")
+        c.expect(r"^close 0$")
+        assert c.wait() == 0
+    holder.kill()
+
+    assert store(root, "sdb.head").exists()
+    assert store(root, "sdb_intf.db").exists()
+    assert "Failed to get shared memory" not in root.trace("sdbenv-client")
+    st = sc.run("sdbctl", "status")
+    assert st.returncode == 0, st.stderr
+    assert "environment state: 7 (up)" in st.stdout
+    assert "scale class: 100" in st.stdout
+    assert "recovery status: 3 (complete)" in st.stdout
+    assert "sync text: Unknown" in st.stdout
+
+
+def test_second_keel_refuses_and_sigterm_ends_cleanly(sc, root):
+    keel = sc.start_keel()
+    again = sc.run("keel", "-N")
+    assert again.returncode == 1
+    keel.p.send_signal(signal.SIGTERM)
+    assert keel.wait() == 0
+    assert "keel exiting on SIGTERM" in root.trace("keel")
+    assert store(root, "sdb.head").exists()
+
+
+def test_restarted_keel_keeps_the_id_word(sc, root):
+    keel = sc.start_keel()
+    c = sc.client("id-set", "4242")
+    c.expect(r"^id 0$")
+    assert c.wait() == 0
+
+    keel.p.send_signal(signal.SIGTERM)
+    assert keel.wait() == 0
+    keel = sc.start_keel()
+    assert "shared memory exist" in root.trace("keel")
+    assert "semaphore exist" in root.trace("keel")
+    assert "next session id: 4242" in sc.run("sdbctl", "status").stdout
+
+    # A keel that dies without a word is no different.
+    keel.kill()
+    sc.start_keel()
+    assert "next session id: 4242" in sc.run("sdbctl", "status").stdout
+
+
+def test_killed_bucket_holder_is_taken_over_and_counted(sc, root):
+    sc.start_keel()
+    holder = sc.client("hold-bucket", "7")
+    holder.expect("^bucket 0$")
+    holder.expect("^held$")
+    taker = sc.client("take-bucket", "57")  # 57 mod 50: the same bucket
+    time.sleep(0.5)
+    assert not taker.has_line(r"^bucket ")
+    holder.kill()
+
+    taker.expect(r"^bucket 0$")
+    dead = int(taker.expect(r"^owner_dead (\d+)$").group(1))
+    assert dead >= 1
+    assert int(taker.expect(r"^locks_contended (\d+)$").group(1)) >= 1
+    assert taker.wait() == 0
+
+    # The bucket works afterwards.
+    again = sc.client("take-bucket", "7")
+    again.expect(r"^bucket 0$")
+    assert again.wait() == 0
+
+
+def test_killed_writer_of_secondary_tables_is_noticed(sc, root):
+    sc.start_keel()
+    writer = sc.client("hold-write")
+    writer.expect("^locked 0$")
+    writer.expect("^held$")
+    dead_pid = writer.p.pid
+    assert sc.sem("sem-value", 2) == 0
+    writer.kill()
+
+    # The kernel gave the five tokens back.
+    assert wait_for(lambda: sc.sem("sem-value", 2) == 5, timeout=GENEROUS)
+    nxt = sc.client("write")
+    nxt.expect("^locked 0$")
+    nxt.expect("^unlocked 0$")
+    assert nxt.wait() == 0
+    events = [e for e in root.events() if e[1] == "LIBSDB_SEC_TABLE_LOCK"]
+    assert events, root.events()
+    assert f"held by pid {dead_pid}," in events[0][3] or \
+        re.search(r"held by pid \d+,", events[0][3])
+    assert "was still open by pid" in root.trace("sdbenv-client")
+
+
+def test_sixth_reader_waits(sc, root):
+    sc.start_keel()
+    # Everyone opens first: an open takes the tables for writing, which
+    # waits for every reader.
+    clients = []
+    for _ in range(6):
+        c = sc.client("read-on-cue")
+        c.expect("^ready$")
+        clients.append(c)
+    readers, sixth = clients[:5], clients[5]
+    for r in readers:
+        r.p.send_signal(signal.SIGUSR2)
+        r.expect("^locked 0$")
+    assert sc.sem("sem-value", 2) == 0
+
+    sixth.p.send_signal(signal.SIGUSR2)
+    assert wait_for(lambda: sc.sem("sem-waiters", 2) == 1, timeout=GENEROUS)
+    assert not sixth.has_line(r"^locked")
+
+    readers[0].kill()
+    sixth.expect("^locked 0$")
+    sixth.p.send_signal(signal.SIGUSR2)
+    sixth.expect("^unlocked 0$")
+    assert sixth.wait() == 0
+
+
+def test_semop_interrupted_by_signals_goes_on_waiting(sc, root):
+    sc.start_keel()
+    holder = sc.client("hold-id")
+    holder.expect("^held$")
+    waiter = sc.client("id-lock")
+    waiter.expect("^waiting$")
+    assert wait_for(lambda: sc.sem("sem-waiters", 0) == 1, timeout=GENEROUS)
+    for _ in range(3):
+        waiter.p.send_signal(signal.SIGUSR1)
+        time.sleep(0.2)
+        assert wait_for(lambda: sc.sem("sem-waiters", 0) == 1,
+                        timeout=GENEROUS)
+    assert not waiter.has_line(r"^locked")
+    holder.kill()
+
+    waiter.expect("^locked 0$")
+    assert waiter.wait() == 0
+    m = re.search(r"INFO: SDB acquire lock cnt (\d+)",
+                  root.trace("sdbenv-client"))
+    assert m and int(m.group(1)) >= 1
