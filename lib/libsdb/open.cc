@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/paths.h"
+#include "sdb/sdb_id.h"
 #include "sdb_impl.h"
 
 extern "C" int sdb_open_internal(bool is_keel)
@@ -29,6 +30,8 @@ extern "C" int sdb_open_internal(bool is_keel)
 		return rc;
 	}
 	rc = sdb_sem_init(is_keel);
+	if (rc == 0)
+		rc = sdb_id_init(is_keel);
 	if (rc != 0) {
 		sdb_trace(SDB_TRACE_ERR, "Failed to init id generator %d", rc);
 		return rc;
@@ -47,6 +50,7 @@ extern "C" int sdb_close_internal(bool is_keel)
 	sdb_db_secondary_detach();
 	int rc = sdb_db_close();
 	sdb_sem_forget();
+	sdb_id_forget();
 	sdb_unit_pools_forget();
 	sdb_segment_detach();
 	sdb_limit_segments_detach();

@@ -1,7 +1,7 @@
 /*
  * Places in the open and close order for stores that are built on top of
  * the environment: the limit segments, the dynamic variable names, the
- * unit pools, the short-term store, the mailbox segment and the
+ * short-term store, the mailbox segment and the
  * statistics databases.  Each one succeeds without touching shared
  * memory; the module that owns the store replaces its entry here.
  */
@@ -17,14 +17,6 @@ void sdb_limit_segments_detach(void)
 }
 
 void sdb_dyn_var_table_init(void)
-{
-}
-
-void sdb_unit_pools_init(void)
-{
-}
-
-void sdb_unit_pools_forget(void)
 {
 }
 

@@ -1,0 +1,497 @@
+/*
+ * The id generator and the unit pools on a real main segment and real
+ * semaphores.  The binary runs in an IPC namespace of its own (the keys
+ * are fixed), below a root of its own; it opens the stores as keel does.
+ */
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/sem.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "platform/paths.h"
+#include "sdb/sdb.h"
+#include "sdb/sdb_db.h"
+#include "sdb/sdb_id.h"
+#include "sdb_impl.h"
+
+namespace {
+
+class environment : public ::testing::Environment {
+public:
+	void SetUp() override
+	{
+		char tmpl[] = "/tmp/sdb-id-test-XXXXXX";
+		ASSERT_NE(mkdtemp(tmpl), nullptr);
+		setenv("TOLVAR_ROOT", tmpl, 1);
+		root = tmpl;
+		ASSERT_EQ(sdb_open_internal(true), 0);
+	}
+	void TearDown() override
+	{
+		sdb_close_internal(true);
+		std::string cmd = "rm -rf " + root;
+		(void)system(cmd.c_str());
+	}
+	std::string root;
+};
+
+/* A pool of cap units, as keel makes it in a new segment. */
+sdb_unit_pool *fresh_pool(int type, uint32_t cap)
+{
+	sdb_unit_pool *p = reinterpret_cast<sdb_unit_pool *>(
+	    sdb_main_segment() + (type == 0 ? SDB_SEG_UNIT_POOL0 :
+	    SDB_SEG_UNIT_POOL1));
+	memset(p, 0, 16 + (size_t)cap * 4);
+	EXPECT_EQ(sdb_unit_init(cap, true, type), 0);
+	EXPECT_EQ(sdb_unit_pool_ptr(type), p);
+	return p;
+}
+
+std::vector<uint32_t> allocate_all(int type)
+{
+	std::vector<uint32_t> got;
+	uint32_t n;
+	while (sdb_unit_allocate(&n, type) == 0)
+		got.push_back(n);
+	return got;
+}
+
+int sem_value(int number)
+{
+	int id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0);
+	return semctl(id, number, GETVAL);
+}
+
+/* Runs fn in a child that reports "ready" on a pipe and then waits to be
+ * killed; returns its pid once it is ready. */
+template <typename Fn>
+pid_t holder(Fn fn)
+{
+	int fds[2];
+	EXPECT_EQ(pipe(fds), 0);
+	pid_t pid = fork();
+	if (pid == 0) {
+		close(fds[0]);
+		fn();
+		char c = 'r';
+		(void)!write(fds[1], &c, 1);
+		for (;;)
+			pause();
+	}
+	close(fds[1]);
+	char c = 0;
+	EXPECT_EQ(read(fds[0], &c, 1), 1);
+	close(fds[0]);
+	return pid;
+}
+
+void kill_and_reap(pid_t pid)
+{
+	int status = 0;
+	ASSERT_EQ(kill(pid, SIGKILL), 0);
+	ASSERT_EQ(waitpid(pid, &status, 0), pid);
+	ASSERT_TRUE(WIFSIGNALED(status));
+}
+
+} // namespace
+
+TEST(SessionId, GrowsByOneAndWrapsToOne)
+{
+	ASSERT_EQ(sdb_id_set(41), 0);
+	uint64_t id = 0;
+	ASSERT_EQ(sdb_id_generate(&id), 0);
+	EXPECT_EQ(id, 42u);
+	EXPECT_EQ(sdb_id_get(), 42u);
+
+	ASSERT_EQ(sdb_id_set(SDB_ID_MAX - 1), 0);
+	ASSERT_EQ(sdb_id_generate(&id), 0);
+	EXPECT_EQ(id, SDB_ID_MAX);
+	ASSERT_EQ(sdb_id_generate(&id), 0);
+	EXPECT_EQ(id, 1u);
+	EXPECT_EQ(*sdb_id_word(), 1u);
+}
+
+TEST(SessionId, SetNeverStoresBit63AndRaiseOnlyRaises)
+{
+	ASSERT_EQ(sdb_id_set(0x8000000000000005ULL), 0);
+	EXPECT_EQ(sdb_id_get(), 5u);
+	ASSERT_EQ(sdb_id_raise(3), 0);
+	EXPECT_EQ(sdb_id_get(), 5u);
+	ASSERT_EQ(sdb_id_raise(900), 0);
+	EXPECT_EQ(sdb_id_get(), 900u);
+	ASSERT_EQ(sdb_id_set(7), 0);
+	EXPECT_EQ(sdb_id_get(), 7u);
+}
+
+TEST(SessionId, ConcurrentProcessesNeverShareAnId)
+{
+	constexpr int procs = 4, each = 3000;
+	ASSERT_EQ(sdb_id_set(1000), 0);
+	int fds[2];
+	ASSERT_EQ(pipe(fds), 0);
+	std::vector<pid_t> kids;
+	for (int k = 0; k < procs; k++) {
+		pid_t pid = fork();
+		ASSERT_GE(pid, 0);
+		if (pid == 0) {
+			close(fds[0]);
+			std::vector<uint64_t> ids(each);
+			for (auto &id : ids)
+				if (sdb_id_generate(&id) != 0)
+					_exit(1);
+			size_t bytes = ids.size() * sizeof(uint64_t);
+			const char *p = reinterpret_cast<const char *>(ids.data());
+			while (bytes > 0) {
+				ssize_t n = write(fds[1], p, bytes);
+				if (n <= 0)
+					_exit(2);
+				p += n;
+				bytes -= (size_t)n;
+			}
+			_exit(0);
+		}
+		kids.push_back(pid);
+	}
+	close(fds[1]);
+	std::vector<uint64_t> all;
+	uint64_t buf[512];
+	for (;;) {
+		ssize_t n = read(fds[0], buf, sizeof(buf));
+		if (n <= 0)
+			break;
+		ASSERT_EQ(n % 8, 0) << "the pipe splits no 8-byte write";
+		all.insert(all.end(), buf, buf + n / 8);
+	}
+	close(fds[0]);
+	for (pid_t pid : kids) {
+		int status = 0;
+		ASSERT_EQ(waitpid(pid, &status, 0), pid);
+		EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+	}
+	ASSERT_EQ(all.size(), (size_t)procs * each);
+	std::set<uint64_t> unique(all.begin(), all.end());
+	EXPECT_EQ(unique.size(), all.size());
+	EXPECT_EQ(*unique.begin(), 1001u);
+	EXPECT_EQ(*unique.rbegin(), 1000u + procs * each);
+	EXPECT_EQ(sdb_id_get(), 1000u + procs * each);
+}
+
+TEST(SessionId, HolderKilledInsideTheLockDoesNotBlock)
+{
+	ASSERT_EQ(sdb_id_set(500), 0);
+	/* The child stores its id and dies before it gives the semaphore
+	 * back: the give-back is where the kill lands. */
+	pid_t pid = fork();
+	ASSERT_GE(pid, 0);
+	if (pid == 0) {
+		sdb_sem_set_semop([](int id, struct sembuf *ops, size_t n) {
+			if (ops[0].sem_op > 0)
+				raise(SIGKILL);
+			return semop(id, ops, n);
+		});
+		uint64_t id;
+		sdb_id_generate(&id);
+		_exit(0);
+	}
+	int status = 0;
+	ASSERT_EQ(waitpid(pid, &status, 0), pid);
+	ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+	EXPECT_EQ(sem_value(SDB_SEM_ID_GEN), 1);
+	uint64_t id = 0;
+	ASSERT_EQ(sdb_id_generate(&id), 0);
+	EXPECT_EQ(id, 502u);
+}
+
+TEST(SessionId, HolderKilledWhileWaitingIsGone)
+{
+	pid_t pid = holder([] { sdb_sem_lock(SDB_SEM_ID_GEN, true); });
+	EXPECT_EQ(sem_value(SDB_SEM_ID_GEN), 0);
+	kill_and_reap(pid);
+	uint64_t id = 0;
+	EXPECT_EQ(sdb_id_generate(&id), 0);
+	EXPECT_EQ(sem_value(SDB_SEM_ID_GEN), 1);
+}
+
+TEST(UnitPool, FreshPoolGivesAscendingNumbers)
+{
+	fresh_pool(SDB_UNIT_UID, 16);
+	std::vector<uint32_t> got = allocate_all(SDB_UNIT_UID);
+	ASSERT_EQ(got.size(), 16u);
+	for (uint32_t i = 0; i < 16; i++)
+		EXPECT_EQ(got[i], SDB_UNIT_UID_FIRST + i);
+}
+
+TEST(UnitPool, KeelFillsBothPoolsOfANewSegment)
+{
+	sdb_unit_pool *p0 = fresh_pool(SDB_UNIT_IFL, SDB_SEG_UNIT_POOL0_UNITS);
+	EXPECT_EQ(p0->max_units, SDB_SEG_UNIT_POOL0_UNITS);
+	EXPECT_EQ(p0->available, SDB_SEG_UNIT_POOL0_UNITS);
+	uint32_t n = 0;
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_IFL), 0);
+	EXPECT_EQ(n, 0x40000000u);
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_IFL), 0);
+	EXPECT_EQ(n, 0x40000001u);
+	/* A later open attaches and changes nothing. */
+	EXPECT_EQ(sdb_unit_init(10, true, SDB_UNIT_IFL), 0);
+	EXPECT_EQ(p0->max_units, SDB_SEG_UNIT_POOL0_UNITS);
+	EXPECT_EQ(p0->available, SDB_SEG_UNIT_POOL0_UNITS - 2);
+}
+
+TEST(UnitPool, ReleasedUnitsComeBackInFifoOrder)
+{
+	fresh_pool(SDB_UNIT_UID, 8);
+	std::vector<uint32_t> got = allocate_all(SDB_UNIT_UID);
+	ASSERT_EQ(got.size(), 8u);
+	for (uint32_t u : {1003u, 1001u, 1006u})
+		ASSERT_EQ(sdb_unit_release(u, SDB_UNIT_UID), 0);
+	uint32_t n = 0;
+	for (uint32_t want : {1003u, 1001u, 1006u}) {
+		ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+		EXPECT_EQ(n, want);
+	}
+	/* A released number goes behind the ones already free. */
+	fresh_pool(SDB_UNIT_UID, 4);
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+	ASSERT_EQ(n, 1000u);
+	ASSERT_EQ(sdb_unit_release(1000, SDB_UNIT_UID), 0);
+	std::vector<uint32_t> order = allocate_all(SDB_UNIT_UID);
+	EXPECT_EQ(order, (std::vector<uint32_t>{1001, 1002, 1003, 1000}));
+}
+
+TEST(UnitPool, ExhaustionAndOneRelease)
+{
+	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 5);
+	ASSERT_EQ(allocate_all(SDB_UNIT_UID).size(), 5u);
+	uint32_t n = 77;
+	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), SDB_UNIT_ERR_EMPTY);
+	EXPECT_EQ(n, 77u);
+	EXPECT_EQ(p->head, 0xffffffffu);
+	EXPECT_EQ(p->tail, 0xffffffffu);
+	EXPECT_EQ(p->available, 0u);
+	ASSERT_EQ(sdb_unit_release(1002, SDB_UNIT_UID), 0);
+	EXPECT_EQ(p->head, 2u);
+	EXPECT_EQ(p->tail, 2u);
+	EXPECT_EQ(p->available, 1u);
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+	EXPECT_EQ(n, 1002u);
+	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), SDB_UNIT_ERR_EMPTY);
+}
+
+TEST(UnitPool, DoubleReleaseIsRefusedTailIncluded)
+{
+	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 6);
+	ASSERT_EQ(allocate_all(SDB_UNIT_UID).size(), 6u);
+	ASSERT_EQ(sdb_unit_release(1001, SDB_UNIT_UID), 0);
+	ASSERT_EQ(sdb_unit_release(1004, SDB_UNIT_UID), 0);
+	ASSERT_EQ(p->tail, 4u);
+	/* 1001 is inside the list, 1004 is its tail: both refused. */
+	EXPECT_EQ(sdb_unit_release(1001, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+	EXPECT_EQ(sdb_unit_release(1004, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+	EXPECT_EQ(p->available, 2u);
+	/* The only free unit is head and tail at once. */
+	uint32_t n;
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+	EXPECT_EQ(sdb_unit_release(1004, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+	/* Nothing went out twice. */
+	std::vector<uint32_t> rest = allocate_all(SDB_UNIT_UID);
+	EXPECT_EQ(rest, (std::vector<uint32_t>{1004}));
+	/* Untouched units of a fresh pool are free too, its tail first. */
+	fresh_pool(SDB_UNIT_UID, 3);
+	EXPECT_EQ(sdb_unit_release(1002, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+	EXPECT_EQ(sdb_unit_release(1000, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+	EXPECT_EQ(allocate_all(SDB_UNIT_UID).size(), 3u);
+}
+
+TEST(UnitPool, BadArgumentsHaveTheirCodes)
+{
+	fresh_pool(SDB_UNIT_UID, 4);
+	uint32_t n;
+	EXPECT_EQ(sdb_unit_allocate(&n, 2), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_allocate(&n, -1), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_release(1000, 2), SDB_UNIT_ERR_TYPE);
+	EXPECT_EQ(sdb_unit_release(999, SDB_UNIT_UID), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_release(1004, SDB_UNIT_UID), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_recover(1004, SDB_UNIT_UID), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_recover(5, SDB_UNIT_UID), SDB_UNIT_ERR_POOL);
+	sdb_unit_forget(SDB_UNIT_UID);
+	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_release(1000, SDB_UNIT_UID), SDB_UNIT_ERR_POOL);
+	EXPECT_EQ(sdb_unit_init(4, false, SDB_UNIT_UID), 0);
+	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+}
+
+TEST(UnitPool, RecoveryReusesNumbersInAscendingOrder)
+{
+	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 10);
+	/* Scramble the list first: recovery must not depend on it. */
+	allocate_all(SDB_UNIT_UID);
+	for (uint32_t u : {1007u, 1002u, 1009u, 1000u})
+		sdb_unit_release(u, SDB_UNIT_UID);
+	ASSERT_EQ(sdb_unit_clear(SDB_UNIT_UID), 0);
+	EXPECT_EQ(p->head, 0u);
+	EXPECT_EQ(p->tail, 0u);
+	for (uint32_t u : {1001u, 1004u, 1005u, 1009u})
+		ASSERT_EQ(sdb_unit_recover(u, SDB_UNIT_UID), 0);
+	ASSERT_EQ(sdb_unit_recovered(SDB_UNIT_UID), 0);
+	EXPECT_EQ(p->head, 0u);
+	EXPECT_EQ(p->tail, 8u);
+	EXPECT_EQ(allocate_all(SDB_UNIT_UID),
+	    (std::vector<uint32_t>{1000, 1002, 1003, 1006, 1007, 1008}));
+	/* The recovered units are allocated: each can be released once. */
+	EXPECT_EQ(sdb_unit_release(1004, SDB_UNIT_UID), 0);
+	EXPECT_EQ(sdb_unit_release(1004, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+
+	/* Everything in use: an empty list. */
+	fresh_pool(SDB_UNIT_UID, 3);
+	sdb_unit_clear(SDB_UNIT_UID);
+	for (uint32_t u : {1000u, 1001u, 1002u})
+		sdb_unit_recover(u, SDB_UNIT_UID);
+	sdb_unit_recovered(SDB_UNIT_UID);
+	EXPECT_EQ(p->head, 0xffffffffu);
+	EXPECT_EQ(p->tail, 0xffffffffu);
+	uint32_t n;
+	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), SDB_UNIT_ERR_EMPTY);
+}
+
+TEST(UnitPool, ATailLeftBehindByADeadReleaserIsFollowed)
+{
+	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 6);
+	allocate_all(SDB_UNIT_UID);
+	ASSERT_EQ(sdb_unit_release(1001, SDB_UNIT_UID), 0);
+	/* A releaser of 1003 that died after linking it, before moving the
+	 * tail. */
+	p->link[1] = 3;
+	ASSERT_EQ(sdb_unit_release(1003, SDB_UNIT_UID), SDB_UNIT_ERR_FREE);
+	ASSERT_EQ(sdb_unit_release(1005, SDB_UNIT_UID), 0);
+	EXPECT_EQ(allocate_all(SDB_UNIT_UID),
+	    (std::vector<uint32_t>{1001, 1003, 1005}));
+}
+
+TEST(UnitPool, HolderKilledWithThePoolLockDoesNotBlock)
+{
+	fresh_pool(SDB_UNIT_UID, 4);
+	pid_t pid = holder([] { sdb_sem_lock(SDB_SEM_UNIT_POOL, true); });
+	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 0);
+	kill_and_reap(pid);
+	uint32_t n = 0;
+	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+	EXPECT_EQ(n, 1000u);
+
+	/* Killed between its change and the give-back. */
+	pid = fork();
+	ASSERT_GE(pid, 0);
+	if (pid == 0) {
+		sdb_sem_set_semop([](int id, struct sembuf *ops, size_t k) {
+			if (ops[0].sem_op > 0)
+				raise(SIGKILL);
+			return semop(id, ops, k);
+		});
+		uint32_t u;
+		sdb_unit_allocate(&u, SDB_UNIT_UID);
+		_exit(0);
+	}
+	int status = 0;
+	ASSERT_EQ(waitpid(pid, &status, 0), pid);
+	ASSERT_TRUE(WIFSIGNALED(status));
+	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 1);
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+	EXPECT_EQ(n, 1002u) << "1001 went to the dead process";
+}
+
+TEST(UnitPool, DumpListsAllocatedUnitsButNotTheTail)
+{
+	fresh_pool(SDB_UNIT_UID, 4);
+	uint32_t n;
+	sdb_unit_allocate(&n, SDB_UNIT_UID);
+	sdb_unit_allocate(&n, SDB_UNIT_UID);
+	testing::internal::CaptureStdout();
+	ASSERT_EQ(sdb_dump_pool(SDB_UNIT_UID), 0);
+	std::string out = testing::internal::GetCapturedStdout();
+	EXPECT_EQ(out,
+	    "unit number allocator {\n"
+	    "max unit number = 4\n"
+	    "available unit number(s) = 2\n"
+	    "head = 2\n"
+	    "tail = 3\n"
+	    "master = 0\n"
+	    "allocated = {\n"
+	    "0\n"
+	    "1\n"
+	    "}\n"
+	    "}\n");
+	EXPECT_EQ(sdb_dump_pool(5), SDB_UNIT_ERR_POOL);
+}
+
+TEST(UnitPool, RecoveryLogHasTheRowsAndThePools)
+{
+	std::string dir = tolvar::path("/var/log");
+	ASSERT_EQ(tolvar_mkdirs(dir.c_str(), 0755), 0);
+	std::string file = tolvar::path("/var/log/sdb.recover");
+	unlink(file.c_str());
+	/* Off: nothing is written. */
+	sdb_recover_log_set(false);
+	EXPECT_EQ(sdb_recover_log_begin(), 0);
+	sdb_recover_log_session(1, 0, 0, 0);
+	sdb_recover_log_end();
+	EXPECT_NE(access(file.c_str(), F_OK), 0);
+
+	fresh_pool(SDB_UNIT_IFL, 2);
+	fresh_pool(SDB_UNIT_UID, 2);
+	sdb_recover_log_set(true);
+	ASSERT_EQ(sdb_recover_log_begin(), 0);
+	sdb_recover_log_session(17, 2, 3, htonl(0x0a000001));
+	sdb_recover_log_service(18, 1);
+	sdb_recover_log_service_failed(19);
+	sdb_recover_log_end();
+	sdb_recover_log_set(false);
+	std::ifstream in(file);
+	std::stringstream ss;
+	ss << in.rdbuf();
+	std::string text = ss.str();
+	EXPECT_EQ(text.rfind("--== Recover start at ", 0), 0u);
+	EXPECT_NE(text.find(" ==--\nId\tservice\tstate\tIP\n--\t-------\t-----\t--\n"
+	    "17\t2\t3\t10.0.0.1\n\tService id 18, State 1\n"
+	    "\tService id 19, Failed to get service session snapshot\n"
+	    "unit number allocator {\n"), std::string::npos);
+	EXPECT_NE(text.find("--== Recover completed at "), std::string::npos);
+	size_t pools = 0;
+	for (size_t at = 0; (at = text.find("unit number allocator", at)) !=
+	    std::string::npos; at++)
+		pools++;
+	EXPECT_EQ(pools, 2u);
+}
+
+TEST(UnitNumber, ParsesLeadingDigits)
+{
+	EXPECT_EQ(sdb_unit_number_parse("1073741824"), 0x40000000u);
+	EXPECT_EQ(sdb_unit_number_parse("1073741824x"), 0x40000000u);
+	EXPECT_EQ(sdb_unit_number_parse("0"), 0u);
+	EXPECT_EQ(sdb_unit_number_parse("12 34"), 12u);
+	EXPECT_EQ(sdb_unit_number_parse("4294967295"), 0xffffffffu);
+	EXPECT_EQ(sdb_unit_number_parse(nullptr), SDB_UNIT_INVALID);
+	EXPECT_EQ(sdb_unit_number_parse(""), SDB_UNIT_INVALID);
+	EXPECT_EQ(sdb_unit_number_parse("x12"), SDB_UNIT_INVALID);
+	EXPECT_EQ(sdb_unit_number_parse(" 12"), SDB_UNIT_INVALID);
+	EXPECT_EQ(sdb_unit_number_parse("-1"), SDB_UNIT_INVALID);
+	EXPECT_EQ(sdb_unit_number_parse("4294967296"), SDB_UNIT_INVALID);
+	EXPECT_EQ(sdb_unit_number_parse("99999999999999999999999"),
+	    SDB_UNIT_INVALID);
+}
+
+int main(int argc, char **argv)
+{
+	::testing::InitGoogleTest(&argc, argv);
+	::testing::AddGlobalTestEnvironment(new environment);
+	return RUN_ALL_TESTS();
+}
