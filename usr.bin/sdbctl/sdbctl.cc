@@ -11,12 +11,16 @@ int sdbctl_status(int argc, char **argv);
 int sdbctl_strerror(int argc, char **argv);
 int sdbctl_meminfo(int argc, char **argv);
 int sdbctl_heap(int argc, char **argv);
+int sdbctl_id(int argc, char **argv);
+int sdbctl_unit(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "", sdbctl_status},
 	{"strerror", "code", sdbctl_strerror},
 	{"meminfo", "", sdbctl_meminfo},
 	{"heap", "file", sdbctl_heap},
+	{"id", "show | generate [count]", sdbctl_id},
+	{"unit", "alloc type | release type number | dump type", sdbctl_unit},
 	{nullptr, nullptr, nullptr},
 };
 
