@@ -12,6 +12,7 @@
 #include "keel_private.h"
 
 #include <platform/chassis.h>
+#include <platform/logging.h>
 #include <platform/paths.h>
 #include <platform/process.h>
 
@@ -111,11 +112,25 @@ registration_answer(keel_handle *h, const keel_msg_answer &a)
 		keel_mastership_step(h, !keel_env()->is_master());
 }
 
+const char *const bad_message_attrs[] = {"process-name", "message-type",
+    "length", nullptr};
+
+/* Bytes from keel that no keel sends: say so where operators look. */
+void
+bad_message_event(uint32_t type, size_t len)
+{
+	logging_event(3, "LIBSDB_KEEL_MESSAGE_INVALID", bad_message_attrs,
+	    "LIBSDB_KEEL_MESSAGE_INVALID: %s:%d %s: message type %d, %d bytes, "
+	    "connection closed", __func__, __LINE__, platform_progname(),
+	    static_cast<int>(type), static_cast<int>(len));
+}
+
 /* Close for a message that keel should never have sent. */
 void
-reject(keel_handle *h, const char *fmt, uint32_t value)
+reject(keel_handle *h, const char *fmt, uint32_t type, uint32_t value)
 {
 	keel_error(h, fmt, value);
+	bad_message_event(type, keel_msg_to_client_size(type));
 	keel_close_connection(h, 1, 1);
 }
 
@@ -263,7 +278,7 @@ keel_read_message(keel_handle *h)
 	if (n == static_cast<ssize_t>(sizeof(type))) {
 		want = keel_msg_to_client_size(type);
 		if (want == 0) {
-			reject(h, "Invalid message type %d", type);
+			reject(h, "Invalid message type %d", type, type);
 			return KEEL_ERR_FATAL;
 		}
 		memset(h->rx, 0, sizeof(h->rx));
@@ -275,9 +290,12 @@ keel_read_message(keel_handle *h)
 	if (n != static_cast<ssize_t>(want)) {
 		if (n == 0)
 			keel_info(h, "Connection with keel closed");
-		else
+		else {
 			keel_error(h, "Failed to recv nread=%d, expected=%d",
 			    static_cast<int>(n), static_cast<int>(want));
+			bad_message_event(n >= 4 ? type : 0xffffffffu,
+			    static_cast<size_t>(n));
+		}
 		keel_close_connection(h, 1, 1);
 		return KEEL_ERR_FATAL;
 	}
@@ -286,7 +304,7 @@ keel_read_message(keel_handle *h)
 	switch (type) {
 	case KEEL_MSG_MASTERSHIP:
 		if (m.mastership.master > 1) {
-			reject(h, "Invalid mastership value %d",
+			reject(h, "Invalid mastership value %d", type,
 			    m.mastership.master);
 			return KEEL_ERR_FATAL;
 		}

@@ -189,6 +189,7 @@ TEST_F(KeelMessages, BadBytesFromKeelCloseTheConnection)
 		{{}, "Connection with keel closed"},
 	};
 	keel_set_timeout(h, 100);
+	int events_before = count_events("LIBSDB_KEEL_MESSAGE_INVALID");
 	for (const auto &c : cases) {
 		log.clear();
 		ready.clear();
@@ -209,6 +210,9 @@ TEST_F(KeelMessages, BadBytesFromKeelCloseTheConnection)
 		close(p);
 		peer = -1;
 	}
+	/* Each bad message, but not the plain end of the stream, is an event. */
+	EXPECT_EQ(count_events("LIBSDB_KEEL_MESSAGE_INVALID") - events_before,
+	    5);
 }
 
 TEST_F(KeelMessages, StalledMessageDoesNotHang)

@@ -74,6 +74,20 @@ write_platform(const std::string &text)
 	fclose(f);
 }
 
+int
+count_events(const std::string &tag)
+{
+	FILE *f = fopen((test_root + "/var/log/events").c_str(), "r");
+	if (f == nullptr)
+		return 0;
+	char line[4096];
+	int n = 0;
+	while (fgets(line, sizeof(line), f) != nullptr)
+		n += strstr(line, ("\t" + tag + "\t").c_str()) != nullptr;
+	fclose(f);
+	return n;
+}
+
 bool
 read_msg(int fd, void *buf, size_t len)
 {

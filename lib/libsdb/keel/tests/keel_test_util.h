@@ -92,6 +92,9 @@ protected:
 /* Write the platform file ("role = master" and the like); "" removes it. */
 void write_platform(const std::string &text);
 
+/* Lines of the event log with this tag. */
+int count_events(const std::string &tag);
+
 /* Read one whole message of the given size from fd, waiting at most 2 s. */
 bool read_msg(int fd, void *buf, size_t len);
 
