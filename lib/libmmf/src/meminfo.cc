@@ -37,10 +37,11 @@ const meminfo_row_header_t *row_at(uint64_t off)
 {
 	const meminfo_header_t *h = hdr();
 	uint64_t end = std::min<uint64_t>(h->next_free, table_len);
-	if (off < MEMINFO_HEADER_BYTES || off + sizeof(meminfo_row_header_t) > end)
+	if (off < MEMINFO_HEADER_BYTES || off > end ||
+	    end - off < sizeof(meminfo_row_header_t))
 		return nullptr;
 	auto *r = reinterpret_cast<const meminfo_row_header_t *>(table_base + off);
-	if (r->total_bytes < MEMINFO_MIN_ROW_BYTES || off + r->total_bytes > end ||
+	if (r->total_bytes < MEMINFO_MIN_ROW_BYTES || r->total_bytes > end - off ||
 	    r->type >= MEMINFO_TYPES)
 		return nullptr;
 	return r;
@@ -233,14 +234,14 @@ bool reader_next(meminfo_reader_t *r, uint32_t type, T *out)
 	if (off == 0 && r->size >= MEMINFO_HEADER_BYTES)
 		off = r->table->type_list[type].first;
 	if (off == 0 || off == kDone || off < MEMINFO_HEADER_BYTES ||
-	    off + sizeof(meminfo_row_header_t) > r->size) {
+	    off > r->size || r->size - off < sizeof(meminfo_row_header_t)) {
 		r->cursor[type] = kDone;
 		return false;
 	}
 	meminfo_row_header_t rh;
 	memcpy(&rh, r->buffer + off, sizeof(rh));
 	if (rh.type != type || rh.total_bytes < MEMINFO_MIN_ROW_BYTES ||
-	    off + rh.total_bytes > r->size) {
+	    rh.total_bytes > r->size - off) {
 		r->cursor[type] = kDone;
 		return false;
 	}
@@ -248,7 +249,9 @@ bool reader_next(meminfo_reader_t *r, uint32_t type, T *out)
 	memcpy(out, r->buffer + off + sizeof(rh), std::min<size_t>(sizeof(*out),
 	    rh.total_bytes - sizeof(rh)));
 	out->c.name[MEMINFO_NAME_BYTES - 1] = '\0';
-	r->cursor[type] = rh.next != 0 ? rh.next : kDone;
+	/* Rows are appended, so a list only runs forward: a next offset
+	 * inside or before this row ends the list instead of looping. */
+	r->cursor[type] = rh.next >= off + rh.total_bytes ? rh.next : kDone;
 	return true;
 }
 

@@ -98,7 +98,8 @@ extern "C" enum mmf_check_status mmf_check_header(const void *image,
 		    static_cast<unsigned long long>(foa),
 		    static_cast<unsigned long long>(si.current_bytes));
 	if (si.common_offset != 0 && (si.common_offset < MMF_HEADER_BYTES ||
-	    si.common_offset + si.common_len > si.current_bytes))
+	    si.common_offset > si.current_bytes ||
+	    si.common_len > si.current_bytes - si.common_offset))
 		return fail(r, MMF_CHECK_LAYOUT, 0x544,
 		    "common area at %llu of %u bytes",
 		    static_cast<unsigned long long>(si.common_offset),
