@@ -804,6 +804,12 @@ mirror_re_switchover()
 } // namespace
 
 void
+mirror_stream_error(const char *func, int line, const char *what)
+{
+	stream_error(func, line, what);
+}
+
+void
 mirror_trace(const char *fmt, ...)
 {
 	auto *tf = static_cast<daemon_trace_file_t *>(mirror_l.st.trace);
@@ -1145,6 +1151,7 @@ mirror_register_data(mirror_reg_entry *entry)
 	    entry->mirror_data_encode_func != nullptr && entry->mirror_data_decode_func != nullptr);
 	mirror_assert(entry->mirror_no_resync || entry->mirror_data_get_next_func != nullptr);
 	mirror_l.reg[entry->mirror_data_id] = entry;
+	mirror_q_registered(entry);
 	return 0;
 }
 

@@ -74,5 +74,9 @@ void mirror_q_rx_record(const mirror::wire::record_def &def,
     std::span<const uint8_t> data);
 void mirror_q_rx_ack(const mirror::wire::record_def &def);
 void mirror_q_rx_resync_req(uint16_t data_id);
+void mirror_q_registered(mirror_reg_entry *entry);	/* resync decision */
+
+/* The peer broke the stream: trace, report, event, and close. */
+void mirror_stream_error(const char *func, int line, const char *what);
 
 #endif

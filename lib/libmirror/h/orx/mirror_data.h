@@ -205,6 +205,24 @@ void	mirror_set_trace(void *trace);
 void	mirror_set_job_priority(uint32_t priority);
 void	mirror_cntrl2_disable(void);
 
+/*
+ * The data queues.  A class's items go to the peer in the order they were
+ * queued, each with its newest content.  mirror_add, mirror_delete and
+ * mirror_update return 0 when nothing was queued (no ready link, the peer
+ * does not know the class, or this engine does not send it), 1 when the
+ * item was queued and 2 when it was queued with an acknowledgement wanted:
+ * then mirror_data_ack_func is called exactly once for it, with 0 when the
+ * peer acknowledged and 1 when the link was lost, before the item's last
+ * unlock.  Re-queuing a queued item moves it to the tail.
+ */
+void	mirror_data_node_init(mirror_data_node *node_ptr, uint8_t data_id);
+int	mirror_operation_will_succeed(uint32_t data_id);
+int	mirror_add(mirror_data_node *node, uint8_t ack);
+int	mirror_delete(mirror_data_node *node, uint8_t ack);
+int	mirror_update(mirror_data_node *node, uint8_t ack);
+void	mirror_unqueue(mirror_data_node *node);
+int	mirror_request_db_resync(uint32_t data_id);
+
 /* Supplied by the application; the library has a silent default. */
 void	mirror_report(int code, const char *text);
 
