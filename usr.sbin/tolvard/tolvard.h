@@ -10,6 +10,7 @@
 #ifndef TOLVARD_H
 #define TOLVARD_H
 
+#include <orx/mirror_data.h>
 #include <platform/ev.h>
 #include <platform/trace.h>
 #include <timers/otimer.h>
@@ -24,6 +25,7 @@ struct keel_handle;
 struct keel_issu_info;
 struct tolvard_entry;	/* an entry of the record channel */
 struct tolvard_conn;	/* a connection of the local server */
+struct tolvard_ack_copy;	/* a local ACK waiting for the standby */
 
 enum tolvard_role {
 	role_none = 0,
@@ -55,6 +57,34 @@ enum tolvard_trace_category {
 
 TAILQ_HEAD(tolvard_entry_list, tolvard_entry);
 TAILQ_HEAD(tolvard_conn_list, tolvard_conn);
+TAILQ_HEAD(tolvard_ack_list, tolvard_ack_copy);
+
+/* Messages of the record channel and the bits of the INFO state word. */
+#define TOLVARD_MSG_BARRIER	1
+#define TOLVARD_MSG_SESSION_ID	2
+#define TOLVARD_MSG_INFO	3
+#define TOLVARD_MSG_RESERVED	4
+#define TOLVARD_INFO_REQUEST	0x1	/* asks the receiver for its state */
+#define TOLVARD_INFO_READY	0x2	/* replication is ready ("UP") */
+
+/*
+ * One unit of sending on the record channel.  The mirror library's
+ * callbacks get &node; the entry is found by subtracting its offset.
+ * An entry that carries a local barrier is on its connection's waiting
+ * list exactly while conn is set, and holds the clients' ACKs on acks.
+ */
+struct tolvard_entry {
+	TAILQ_ENTRY(tolvard_entry) free_links;
+	TAILQ_ENTRY(tolvard_entry) wait_links;
+	mirror_data_node node;
+	uint8_t flags;
+	void *data;
+	uint32_t size;
+	uint32_t msg_type;
+	uint32_t entry_id;
+	struct tolvard_conn *conn;
+	struct tolvard_ack_list acks;
+};
 
 struct tolvard_state {
 	evContext event_context;
@@ -139,22 +169,45 @@ void tolvard_signal_init(void);
 void tolvard_signal_sync(evContext ctx, void *arg);
 void tolvard_stats_dump(void);
 
-/*
- * Role and switchover control, the record channel, the local server and
- * the ISSU answers (pending.cc until they are built).
- */
-int tolvard_mirror_init(void);
-int tolvard_mirror_mastership_change(void);
+/* role.cc: role and switchover control, readiness, the ISSU answers */
+#define TOLVARD_RESTART_DELAY	30	/* seconds, after losing mastership */
+#define TOLVARD_REBOOT_WAIT	900	/* seconds, master to none */
+#define TOLVARD_ISSU_WAIT	1800	/* seconds, asked while not ready */
+#define TOLVARD_POLL_MS		100
+
+const char *tolvard_role_name(uint32_t role);
 void tolvard_gres_sync(void);
+int tolvard_mirror_mastership_change(void);
+void tolvard_switch_to_master(void);
+void tolvard_restart_later(void);
+[[noreturn]] void tolvard_restart(otimer_t *timer, void *arg);
+void tolvard_mirror_event(int state);
+void tolvard_mirror_state_change(int up);
 int tolvard_rep_start(void);
+int tolvard_rep_stop(void);
+int tolvard_rep_active(void);
 void tolvard_rep_ready_set(int ready);
-void tolvard_session_id_check(void);
-int tolvard_server_init(void);
-void tolvard_conn_dump(void);
+void tolvard_poll_start(void);
+void tolvard_poll_stop(void);
 void tolvard_issu_prepare(void *ctx, int *abort, int *ready,
     struct keel_issu_info *info);
 void tolvard_issu_switchover_prepare(void *ctx, int *ready,
     struct keel_issu_info *info);
 void tolvard_issu_done(void *ctx);
+
+/* server.cc: the local client server */
+int tolvard_server_init(void);
+void tolvard_server_close(void);
+void tolvard_ack_release(struct tolvard_entry *entry);
+void tolvard_conn_dump(void);
+
+/* The record channel (pending.cc until it is built). */
+int tolvard_mirror_init(void);
+struct tolvard_entry *tolvard_rep_send(const void *data, uint32_t size,
+    uint32_t msg_type, uint8_t ack);
+void tolvard_session_id_send(void);
+void tolvard_info_send(uint32_t state);
+void tolvard_session_id_check(void);
+void tolvard_poll(otimer_t *timer, void *arg);
 
 #endif
