@@ -13,6 +13,7 @@ int sdbctl_meminfo(int argc, char **argv);
 int sdbctl_heap(int argc, char **argv);
 int sdbctl_id(int argc, char **argv);
 int sdbctl_unit(int argc, char **argv);
+int sdbctl_barrier(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "", sdbctl_status},
@@ -21,6 +22,7 @@ static const sdbctl_command commands[] = {
 	{"heap", "file", sdbctl_heap},
 	{"id", "show | generate [count]", sdbctl_id},
 	{"unit", "alloc type | release type number | dump type", sdbctl_unit},
+	{"barrier", "[-t seconds] [word ...]", sdbctl_barrier},
 	{nullptr, nullptr, nullptr},
 };
 
