@@ -1,0 +1,599 @@
+/*
+ * Units of the database environment: codes, the main segment, the
+ * semaphores, the state machine, and the locks (with real holders killed).
+ * Each test runs in an IPC namespace of its own, below one TOLVAR_ROOT.
+ */
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sched.h>
+#include <sstream>
+#include <string>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <platform/paths.h>
+#include <sdb/keel.h>
+#include <sdb/sdb.h>
+#include <sdb/sdb_db.h>
+
+#include "sdb_impl.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/* The root is read once per process: made before the first test that
+ * touches a path, and only then. */
+std::string test_root;
+
+void make_root(void)
+{
+	if (!test_root.empty())
+		return;
+	char tmpl[] = "/tmp/sdb_env_test.XXXXXX";
+	const char *d = mkdtemp(tmpl);
+	ASSERT_NE(d, nullptr);
+	test_root = d;
+	setenv("TOLVAR_ROOT", d, 1);
+}
+
+/* The root goes with the process that made it. */
+class RootCleanup : public ::testing::Environment {
+public:
+	void TearDown() override
+	{
+		std::error_code ec;
+		if (!test_root.empty())
+			fs::remove_all(test_root, ec);
+	}
+};
+[[maybe_unused]] ::testing::Environment *const root_cleanup =
+    ::testing::AddGlobalTestEnvironment(new RootCleanup);
+
+std::string read_file(const std::string &p)
+{
+	std::ifstream f(p);
+	std::stringstream ss;
+	ss << f.rdbuf();
+	return ss.str();
+}
+
+std::string events(void)
+{
+	return read_file(tolvar::path("/var/log/events"));
+}
+
+int sem_value(int n)
+{
+	int id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0);
+	return id < 0 ? -1 : semctl(id, n, GETVAL);
+}
+
+/* A pid that is certainly dead: a reaped child. */
+uint32_t dead_pid(void)
+{
+	pid_t p = fork();
+	if (p == 0)
+		_exit(0);
+	waitpid(p, nullptr, 0);
+	return (uint32_t)p;
+}
+
+class SdbEnv : public ::testing::Test {
+protected:
+	void SetUp() override
+	{
+		ASSERT_EQ(unshare(CLONE_NEWIPC), 0) << strerror(errno);
+		make_root();
+		std::error_code ec;
+		fs::remove_all(test_root + "/mfs", ec);
+		fs::remove(test_root + "/var/log/events", ec);
+		saved_name_ = program_invocation_short_name;
+		sdb_set_mastership(false);
+		sdb_keel_recovering = false;
+		h_ = keel_handle{};
+		h_.fd = -1;
+	}
+	void TearDown() override
+	{
+		sdb_close_internal(true);
+		program_invocation_short_name = saved_name_;
+		sdb_sem_set_semop([](int id, struct sembuf *ops, size_t n) {
+			return semop(id, ops, n);
+		});
+	}
+	/* keel's order: segment and semaphores, environment, tables. */
+	void open_as_keel(void)
+	{
+		ASSERT_EQ(sdb_open_internal(true), 0);
+		ASSERT_EQ(sdb_db_init(&h_, true), 0);
+		ASSERT_EQ(sdb_db_secondary_init(true, false), 0);
+	}
+	keel_handle h_{};
+	char *saved_name_ = nullptr;
+};
+
+TEST(SdbStatus, TextsAndTableBounds)
+{
+	EXPECT_STREQ(sdb_strerror(0), "success");
+	EXPECT_STREQ(sdb_strerror(-1), "SDB unexpected fatal error");
+	EXPECT_STREQ(sdb_strerror(-19), "session database has not started yet");
+	EXPECT_STREQ(sdb_strerror(-26), "Failed to connect to KEEL");
+	EXPECT_STREQ(sdb_strerror(-39), "Lock type requested/held is invalid");
+	EXPECT_STREQ(sdb_strerror(-40), "sdb error code exceeds table size");
+	EXPECT_STREQ(sdb_strerror(1), "sdb error code exceeds table size");
+	EXPECT_STREQ(sdb_strerror(-18), "sdb error code exceeds table size");
+}
+
+TEST(SdbStatus, MapError)
+{
+	EXPECT_EQ(sdb_map_error(0), 0);
+	EXPECT_EQ(sdb_map_error(ENOMEM), SDB_ERR_NOMEM);
+	EXPECT_EQ(sdb_map_error(SDB_ERR_CONFLICT), SDB_ERR_CONFLICT);
+	sdb_set_mastership(false);
+	EXPECT_EQ(sdb_map_error(EACCES), SDB_ERR_READ_ONLY);
+	sdb_set_mastership(true);
+	EXPECT_EQ(sdb_map_error(EACCES), SDB_ERR_FATAL);
+	sdb_set_mastership(false);
+	EXPECT_EQ(sdb_map_error(EPIPE), SDB_ERR_FATAL);
+}
+
+TEST(SdbScale, BucketCountByClassAndMemory)
+{
+	EXPECT_EQ(sdb_scale_bucket_count(100, false), 50u);
+	EXPECT_EQ(sdb_scale_bucket_count(100, true), 500u);
+	EXPECT_EQ(sdb_scale_bucket_count(8000, true), 12000u);
+	EXPECT_EQ(sdb_scale_bucket_count(48000, false), 48000u);
+	EXPECT_EQ(sdb_scale_bucket_count(512000, false), 384000u);
+}
+
+TEST_F(SdbEnv, ClientBeforeKeelFailsAndCreatesNothing)
+{
+	EXPECT_EQ(sdb_open_internal(false), SDB_ERR_FATAL);
+	EXPECT_EQ(sdb_sem_init(false), SDB_ERR_FATAL);
+	EXPECT_EQ(sdb_main_segment(), nullptr);
+	EXPECT_FALSE(fs::exists(tolvar::path(SDB_SHM_KEY_FILE)));
+	EXPECT_EQ(semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0), -1);
+	EXPECT_EQ(sdb_lts_init(false), SDB_ERR_NOMEM);
+	EXPECT_FALSE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
+}
+
+TEST_F(SdbEnv, KeelCreatesEveryStoreAndAClientAttaches)
+{
+	open_as_keel();
+	EXPECT_EQ(sdb_main_segment_size(), SDB_SEG_SIZE);
+	uint32_t rs = 0;
+	ASSERT_EQ(sdb_recovery_status_get(&rs), 0);
+	EXPECT_EQ(rs, (uint32_t)SDB_RECOVERY_OPENED);
+	for (int i = 0; i < SDB_SEM_COUNT; i++)
+		EXPECT_EQ(sem_value(i), i == SDB_SEM_SECONDARY ? 5 : 1);
+	char text[64];
+	ASSERT_EQ(sdb_status_block_get(nullptr, nullptr, text, sizeof(text),
+	    nullptr), 0);
+	EXPECT_STREQ(text, "Unknown");
+
+	sdb_lts_header *h = sdb_lts_header_ptr();
+	ASSERT_NE(h, nullptr);
+	EXPECT_EQ(h->magic, SDB_LTS_MAGIC);
+	EXPECT_EQ(fs::file_size(tolvar::path(SDB_HEAD_FILE)),
+	    (uintmax_t)sdb_lts_bucket_count() * 20 + 256);
+	sdb_db_info *info = sdb_db_info_ptr();
+	ASSERT_NE(info, nullptr);
+	EXPECT_EQ(info->initialized, 1u);
+	EXPECT_EQ(info->next_offset, SDB_DB_INFO_SIZE);
+	EXPECT_EQ(info->lock_pid, 0u);
+	EXPECT_EQ(info->lock_type, -1);
+	EXPECT_EQ(info->global_size, info->grow_step);
+
+	*sdb_id_word() = 77;
+	ASSERT_EQ(sdb_close_internal(true), 0);
+	EXPECT_EQ(sdb_main_segment(), nullptr);
+
+	/* A client finds all of it, and its close removes nothing. */
+	ASSERT_EQ(sdb_open_internal(false), 0);
+	EXPECT_EQ(*sdb_id_word(), 77u);
+	ASSERT_EQ(sdb_db_init(&h_, false), 0);
+	ASSERT_EQ(sdb_db_secondary_init(false, false), 0);
+	EXPECT_EQ(sdb_lts_header_ptr()->client_attaches, 1u);
+	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_UP);
+	ASSERT_EQ(sdb_close_internal(false), 0);
+	EXPECT_TRUE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
+	EXPECT_TRUE(fs::exists(tolvar::path(SDB_INTF_FILE)));
+	std::string key = tolvar::path(SDB_SHM_KEY_FILE);
+	EXPECT_GE(shmget(ftok(key.c_str(), SDB_SHM_PROJECT), 0, 0), 0);
+}
+
+TEST_F(SdbEnv, KeelReadiesASetItsCreatorLeftUnset)
+{
+	/* A creator that died between semget and SETVAL. */
+	ASSERT_GE(semget(SDB_SEM_KEY, SDB_SEM_COUNT, IPC_CREAT | 0666), 0);
+	EXPECT_EQ(sdb_sem_init(false), SDB_ERR_FATAL);
+	ASSERT_EQ(sdb_sem_init(true), 0);
+	EXPECT_EQ(sem_value(0), 1);
+	EXPECT_EQ(sem_value(2), 5);
+	EXPECT_EQ(sem_value(3), 1);
+}
+
+TEST_F(SdbEnv, KeelLeavesAHeldSetAlone)
+{
+	open_as_keel();
+	ASSERT_EQ(sdb_sem_lock(SDB_SEM_ID_GEN, true), 0);
+	sdb_sem_forget();
+	ASSERT_EQ(sdb_sem_init(true), 0);
+	EXPECT_EQ(sem_value(SDB_SEM_ID_GEN), 0);	/* still held */
+	ASSERT_EQ(sdb_sem_unlock(SDB_SEM_ID_GEN, true), 0);
+}
+
+std::atomic<int> eintr_left;
+int eintr_then_semop(int id, struct sembuf *ops, size_t n)
+{
+	if (eintr_left.fetch_sub(1) > 0) {
+		errno = EINTR;
+		return -1;
+	}
+	return semop(id, ops, n);
+}
+
+TEST_F(SdbEnv, SemopRepeatsOnEintrUpToAThousandCalls)
+{
+	open_as_keel();
+	sdb_sem_set_semop(eintr_then_semop);
+	eintr_left = 999;
+	EXPECT_EQ(sdb_sem_lock(SDB_SEM_UNIT_POOL, true), 0);
+	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 0);
+	eintr_left = 999;
+	EXPECT_EQ(sdb_sem_unlock(SDB_SEM_UNIT_POOL, true), 0);
+	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 1);
+
+	eintr_left = 1000;
+	EXPECT_EQ(sdb_sem_lock(SDB_SEM_UNIT_POOL, true), SDB_ERR_DEADLOCK);
+	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 1);
+	eintr_left = 1000;
+	EXPECT_EQ(sdb_sem_unlock(SDB_SEM_UNIT_POOL, true), SDB_ERR_DEADLOCK);
+	EXPECT_NE(events().find("LIBSDB_SDB_LOCK_RELEASE_FAILED"),
+	    std::string::npos);
+	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 1);
+}
+
+TEST_F(SdbEnv, SemUnlockFailureCodes)
+{
+	open_as_keel();
+	sdb_sem_set_semop([](int, struct sembuf *, size_t) {
+		errno = EINVAL;
+		return -1;
+	});
+	EXPECT_EQ(sdb_sem_unlock(SDB_SEM_ID_GEN, true), SDB_ERR_FATAL);
+	sdb_sem_set_semop([](int, struct sembuf *, size_t) {
+		errno = ENOSPC;
+		return -1;
+	});
+	EXPECT_EQ(sdb_sem_unlock(SDB_SEM_ID_GEN, true), SDB_ERR_DEADLOCK);
+	EXPECT_EQ(sdb_sem_lock(SDB_SEM_COUNT, true), SDB_ERR_DEADLOCK);
+}
+
+TEST_F(SdbEnv, StatusBlock)
+{
+	uint8_t st = 9;
+	EXPECT_EQ(sdb_status_block_state_set(2), SDB_ERR_NOT_STARTED);
+	EXPECT_EQ(sdb_status_block_get(&st, nullptr, nullptr, 0, nullptr),
+	    SDB_ERR_NOT_STARTED);
+	EXPECT_EQ(sdb_status_block_text_set("x"), SDB_ERR_NOT_STARTED);
+	EXPECT_EQ(sdb_status_block_flag_set(1), SDB_ERR_NOT_STARTED);
+	EXPECT_EQ(sdb_status_block_progress_set(0, 1, 1), SDB_ERR_NOT_STARTED);
+
+	open_as_keel();
+	*sdb_id_word() = 200;
+	ASSERT_EQ(sdb_status_block_progress_set(2, 5, 5), 0);
+	ASSERT_EQ(sdb_status_block_state_set(2), 0);
+	uint8_t flag = 0;
+	uint32_t pct = 99;
+	char text[300];
+	ASSERT_EQ(sdb_status_block_get(&st, &flag, text, sizeof(text), &pct), 0);
+	EXPECT_EQ(st, 2);
+	EXPECT_EQ(pct, 0u);	/* rows cleared; total 200, nothing done */
+	EXPECT_EQ(sdb_seg_tail_ptr()->status.progress[0].total, 200u);
+
+	EXPECT_EQ(sdb_status_block_progress_set(0, 50, 0), 0);	/* ignored */
+	EXPECT_EQ(sdb_seg_tail_ptr()->status.progress[0].done, 0u);
+	EXPECT_EQ(sdb_status_block_progress_set(0, 50, 100), 0);
+	EXPECT_EQ(sdb_status_block_progress_set(1, 30, 10), 0);	/* done wins */
+	sdb_status_block_get(nullptr, nullptr, nullptr, 0, &pct);
+	EXPECT_EQ(pct, 100u * 80 / 130);
+	EXPECT_EQ(sdb_status_block_progress_set(4, 1, 1), SDB_ERR_PARAM);
+
+	ASSERT_EQ(sdb_status_block_state_set(1), 0);
+	sdb_status_block_get(nullptr, nullptr, nullptr, 0, &pct);
+	EXPECT_EQ(pct, 0u);
+
+	std::string longtext(400, 'a');
+	ASSERT_EQ(sdb_status_block_text_set(longtext.c_str()), 0);
+	ASSERT_EQ(sdb_status_block_flag_set(7), 0);
+	sdb_status_block_get(nullptr, &flag, text, sizeof(text), nullptr);
+	EXPECT_EQ(strlen(text), (size_t)SDB_STATUS_TEXT_LEN - 1);
+	EXPECT_EQ(flag, 7);
+	/* A text without terminator (another process's bytes) is bounded. */
+	memset(sdb_seg_tail_ptr()->status.sync_text, 'b', SDB_STATUS_TEXT_LEN);
+	sdb_status_block_get(nullptr, nullptr, text, sizeof(text), nullptr);
+	EXPECT_EQ(strlen(text), (size_t)SDB_STATUS_TEXT_LEN - 1);
+}
+
+TEST_F(SdbEnv, StatesOfAStandbyTolvardAndOfRecovery)
+{
+	program_invocation_short_name = (char *)"tolvard";
+	open_as_keel();		/* as the owner: makes the stores */
+	ASSERT_EQ(sdb_close_internal(true), 0);
+
+	sdb_set_mastership(false);
+	ASSERT_EQ(sdb_open_internal(false), 0);
+	ASSERT_EQ(sdb_db_init(&h_, false), 0);
+	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_REPLICATION);
+	EXPECT_EQ(sdb_db_env_check(), SDB_ERR_NOT_STARTED);
+	ASSERT_EQ(sdb_close_internal(false), 0);
+	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_CLOSED);
+
+	sdb_set_mastership(true);
+	ASSERT_EQ(sdb_open_internal(false), 0);
+	ASSERT_EQ(sdb_db_init(&h_, false), 0);
+	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_UP);
+	EXPECT_EQ(sdb_db_env_check(), 0);
+
+	/* Up again: only the handle changes. */
+	keel_handle other{};
+	ASSERT_EQ(sdb_db_init(&other, false), 0);
+	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_UP);
+	other.chassis_issu = KEEL_CHASSIS_DAEMON_SWITCHOVER_PREPARE_DONE;
+	EXPECT_EQ(sdb_db_env_check(), SDB_ERR_ISSU);
+	other.chassis_issu = 0;
+
+	sdb_db_secondary_needs_recovery();
+	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_SECONDARY_RECOVERY);
+	EXPECT_EQ(sdb_db_env_check(), SDB_ERR_RECOVERING);
+	EXPECT_EQ(sdb_close_internal(false), SDB_ERR_FATAL);
+}
+
+TEST_F(SdbEnv, CloseAfterKeelSaidRecoveringReportsIt)
+{
+	open_as_keel();
+	sdb_keel_recovering = true;
+	EXPECT_EQ(sdb_close_internal(true), SDB_ERR_FATAL);
+	sdb_keel_recovering = false;
+}
+
+TEST_F(SdbEnv, WriteUnlockOfAReadHeldLockIsRefusedAndKeepsIt)
+{
+	open_as_keel();
+	sdb_db_info *info = sdb_db_info_ptr();
+	ASSERT_EQ(sdb_db_lock(SDB_LOCK_READ), 0);
+	EXPECT_EQ(info->lock_type, SDB_LOCK_READ);
+	info->lock_pid = (uint32_t)getpid();
+	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_WRITE), SDB_ERR_LOCK_TYPE);
+	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 4);
+	EXPECT_EQ(info->lock_pid, (uint32_t)getpid());
+
+	/* The same with a living stranger's pid: refused, lock kept. */
+	pid_t child = fork();
+	if (child == 0) {
+		pause();
+		_exit(0);
+	}
+	info->lock_pid = (uint32_t)child;
+	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_WRITE), SDB_ERR_PARAM);
+	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 4);
+	kill(child, SIGKILL);
+	waitpid(child, nullptr, 0);
+
+	info->lock_pid = 0;
+	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_READ), 0);
+	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 5);
+	EXPECT_NE(events().find("LIBSDB_SEC_TABLE_LOCK_MISMATCH"),
+	    std::string::npos);
+}
+
+TEST_F(SdbEnv, WriterKilledInsideTheTablesIsSeenByTheNextWriter)
+{
+	open_as_keel();
+	int ready[2];
+	ASSERT_EQ(pipe(ready), 0);
+	pid_t child = fork();
+	if (child == 0) {
+		int rc = sdb_db_lock(SDB_LOCK_WRITE);
+		char c = rc == 0 ? 'y' : 'n';
+		(void)!write(ready[1], &c, 1);
+		pause();
+		_exit(0);
+	}
+	char c = 0;
+	ASSERT_EQ(read(ready[0], &c, 1), 1);
+	ASSERT_EQ(c, 'y');
+	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 0);
+	kill(child, SIGKILL);
+	waitpid(child, nullptr, 0);
+	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 5);
+	EXPECT_EQ(sdb_db_info_ptr()->lock_pid, (uint32_t)child);
+
+	/* An attach keeps the evidence for the rebuild. */
+	sdb_db_secondary_detach();
+	ASSERT_EQ(sdb_db_secondary_init(false, false), 0);
+	EXPECT_EQ(sdb_db_info_ptr()->lock_pid, (uint32_t)child);
+
+	ASSERT_EQ(sdb_db_lock(SDB_LOCK_WRITE), 0);
+	EXPECT_EQ(sdb_db_info_ptr()->lock_pid, (uint32_t)getpid());
+	EXPECT_NE(events().find("LIBSDB_SEC_TABLE_LOCK\t"), std::string::npos);
+	EXPECT_NE(events().find("held by pid " + std::to_string(child)),
+	    std::string::npos);
+	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_WRITE), 0);
+	EXPECT_EQ(sdb_db_info_ptr()->lock_type, -1);
+	close(ready[0]);
+	close(ready[1]);
+}
+
+TEST_F(SdbEnv, BucketLockIsOneCompareAndSwapAndNotRecursive)
+{
+	open_as_keel();
+	sdb_lts_header *h = sdb_lts_header_ptr();
+	uint64_t taken = sdb_lts_counter64(h->bucket_locks_taken);
+	ASSERT_EQ(sdb_sentry_lock_acquire(12), 0);
+	EXPECT_EQ(sdb_lts_bucket_ptr(12)->owner_pid, (uint32_t)getpid());
+	EXPECT_EQ(sdb_lts_counter64(h->bucket_locks_taken), taken + 1);
+	/* The same bucket again from the holding thread is refused. */
+	uint32_t n = sdb_lts_bucket_count();
+	EXPECT_EQ(sdb_sentry_lock_acquire(12 + n), SDB_ERR_LOCK_TYPE);
+	ASSERT_EQ(sdb_sentry_lock_release(12), 0);
+	EXPECT_EQ(sdb_lts_bucket_ptr(12)->owner_pid, 0u);
+
+	/* The refusal did not leak the process lock: another thread can
+	 * take a bucket. */
+	int rc = -1;
+	std::thread t([&] {
+		rc = sdb_sentry_lock_acquire(3);
+		if (rc == 0)
+			sdb_sentry_lock_release(3);
+	});
+	t.join();
+	EXPECT_EQ(rc, 0);
+	EXPECT_EQ(sdb_lts_counter64(h->bucket_locks_contended), 0u);
+}
+
+TEST_F(SdbEnv, BucketHolderKilledBySigkillIsTakenOver)
+{
+	open_as_keel();
+	int ready[2];
+	ASSERT_EQ(pipe(ready), 0);
+	pid_t child = fork();
+	if (child == 0) {
+		char c = sdb_sentry_lock_acquire(5) == 0 ? 'y' : 'n';
+		(void)!write(ready[1], &c, 1);
+		pause();
+		_exit(0);
+	}
+	char c = 0;
+	ASSERT_EQ(read(ready[0], &c, 1), 1);
+	ASSERT_EQ(c, 'y');
+	sdb_lts_header *h = sdb_lts_header_ptr();
+	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, (uint32_t)child);
+
+	int rc = -1;
+	uint32_t owner_seen = 0;
+	std::thread waiter([&] {
+		rc = sdb_sentry_lock_acquire(5);
+		if (rc == 0) {
+			owner_seen = sdb_lts_bucket_ptr(5)->owner_pid;
+			sdb_sentry_lock_release(5);
+		}
+	});
+	/* The waiter is waiting once it has counted a wait. */
+	while (h->bucket_waits == 0)
+		usleep(1000);
+	kill(child, SIGKILL);
+	waitpid(child, nullptr, 0);
+	waiter.join();
+	ASSERT_EQ(rc, 0);
+	EXPECT_EQ(owner_seen, (uint32_t)getpid());
+	EXPECT_EQ(h->bucket_owner_dead, 1u);
+	EXPECT_EQ(sdb_lts_counter64(h->bucket_locks_contended), 1u);
+	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, 0u);
+	close(ready[0]);
+	close(ready[1]);
+}
+
+TEST_F(SdbEnv, DeadClientAndKeelStartReleaseBuckets)
+{
+	open_as_keel();
+	sdb_lts_header *h = sdb_lts_header_ptr();
+	uint32_t dead = dead_pid();
+	sdb_lts_bucket_ptr(8)->owner_pid = dead;
+	h->sem_owner_pid = dead;
+	ASSERT_EQ(sdb_lts_release_dead(dead), 0);
+	EXPECT_EQ(sdb_lts_bucket_ptr(8)->owner_pid, 0u);
+	EXPECT_EQ(h->sem_owner_pid, 0u);
+	EXPECT_EQ(h->sem_owner_released, 1u);
+	EXPECT_EQ(h->bucket_released_dead_client, 1u);
+	EXPECT_EQ(h->dead_client_calls, 1u);
+	EXPECT_EQ(sdb_lts_release_dead(0), 0);
+
+	/* A keel that starts takes back what dead owners left. */
+	sdb_lts_bucket_ptr(9)->owner_pid = dead_pid();
+	ASSERT_EQ(sdb_close_internal(true), 0);
+	open_as_keel();
+	h = sdb_lts_header_ptr();
+	EXPECT_EQ(sdb_lts_bucket_ptr(9)->owner_pid, 0u);
+	EXPECT_EQ(h->bucket_released_keel_start, 1u);
+	EXPECT_EQ(h->keel_attaches, 1u);
+}
+
+TEST_F(SdbEnv, ReleaseOfABucketNotHeldStops)
+{
+	open_as_keel();
+	EXPECT_DEATH(sdb_sentry_lock_release(4), "owner.load\\(\\) == me");
+}
+
+TEST_F(SdbEnv, ThreadSafeLockUnlockedTwiceStops)
+{
+	sdb_process_thread_safe_lock();
+	sdb_process_thread_safe_unlock();
+	EXPECT_DEATH(sdb_process_thread_safe_unlock(),
+	    "\\*lock == SDB_LOCK_LOCK_VALUE");
+}
+
+TEST_F(SdbEnv, RemoveFiles)
+{
+	EXPECT_EQ(sdb_db_remove_files(true, 3), 0);	/* nothing there */
+	open_as_keel();
+	ASSERT_EQ(sdb_close_internal(true), 0);
+	std::string plain = tolvar::path("/mfs/var/sdb/leftover");
+	std::ofstream(plain) << "x";
+	EXPECT_EQ(sdb_db_remove_files(false, 3), 0);
+	EXPECT_TRUE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
+
+	EXPECT_EQ(sdb_db_remove_files(true, 2), 0);
+	EXPECT_FALSE(fs::exists(plain));
+	EXPECT_TRUE(fs::exists(tolvar::path(SDB_SHMEM_DIR)));
+	EXPECT_TRUE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
+
+	EXPECT_EQ(sdb_db_remove_files(true, 1), 0);
+	EXPECT_FALSE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
+	EXPECT_FALSE(fs::exists(tolvar::path(SDB_INTF_FILE)));
+	EXPECT_FALSE(fs::exists(tolvar::path(SDB_SHM_KEY_FILE)));
+	EXPECT_NE(events().find("LIBSDB_FILE_SEGMENT_REMOVED"),
+	    std::string::npos);
+}
+
+TEST_F(SdbEnv, ClientRefusesAHeaderThatIsNotWhole)
+{
+	open_as_keel();
+	ASSERT_EQ(sdb_close_internal(true), 0);
+	std::string head = tolvar::path(SDB_HEAD_FILE);
+	/* A keel that died before writing the magic. */
+	{
+		std::fstream f(head, std::ios::in | std::ios::out |
+		    std::ios::binary);
+		uint32_t zero = 0;
+		f.write(reinterpret_cast<char *>(&zero), sizeof(zero));
+	}
+	EXPECT_EQ(sdb_lts_init(false), SDB_ERR_NOMEM);
+	/* A short one would fault when mapped. */
+	fs::resize_file(head, 100);
+	EXPECT_EQ(sdb_lts_init(false), SDB_ERR_NOMEM);
+	/* keel refuses to resize it: the stores must be purged. */
+	EXPECT_EQ(sdb_lts_init(true), SDB_ERR_NOMEM);
+}
+
+TEST(SdbAppTable, TableIdOutOfRange)
+{
+	EXPECT_EQ(sdb_app_table_size_set(10, 12), SDB_ERR_PARAM);
+	EXPECT_EQ(sdb_app_table_size_set(-1, 12), SDB_ERR_PARAM);
+	EXPECT_EQ(sdb_app_table_size_set(9, 12), 0);
+}
+
+} // namespace
