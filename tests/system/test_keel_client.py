@@ -398,3 +398,31 @@ def test_lost_client_is_released(sc):
     sc.wait_trace("Unregistration of pybye", of=sc.keel_trace)
     time.sleep(0.5)
     assert "Lost connection with pybye" not in sc.keel_trace()
+
+
+def test_killed_client_is_released(sc):
+    sc.start_keel()
+    sc.start_tolvard()
+    sc.registered()
+    pid = sc.tolvard.pid
+    sc.tolvard.send_signal(signal.SIGKILL)
+    sc.tolvard.wait(timeout=GENEROUS)
+    sc.wait_trace(f"Lost connection with tolvard[{pid}]", of=sc.keel_trace)
+    sc.wait_trace(f"sdb_lts_release_dead({pid})", of=sc.keel_trace)
+    sc.wait_trace(f"sdb_db_secondary_failcheck after tolvard[{pid}]",
+                  of=sc.keel_trace)
+    assert sc.control("clients") == []
+
+
+def test_chassis_issu_phase_reaches_the_daemon_and_back(sc):
+    sc.start_keel()
+    sc.start_tolvard()
+    sc.registered()
+    sc.control("issu 1")
+    sc.wait_trace("Received ISSU message <DAEMON_ISSU_PREPARE>, daemon "
+                  "state <IDLE>")
+    # Whatever the daemon decided, its new state came back to keel.
+    sc.wait_trace("Send ISSU message <")
+    sc.wait_trace(f"ISSU state of tolvard[{sc.tolvard.pid}]: <",
+                  of=sc.keel_trace)
+    assert sc.tolvard.poll() is None
