@@ -67,16 +67,18 @@ who(const keel_conn *c)
 }
 
 /*
- * Until the database environment can release a dead process's locks and
- * check the secondary tables from here, keel says what it would do.
+ * A client died with its socket: take back the bucket locks it held, then
+ * have the secondary tables checked, since it may have died inside an
+ * update of them.  The check is traced until the environment has it.
  */
 void
 release_dead_client(const keel_conn *c)
 {
 	keel_server_log(LOG_PRI_INTERNAL_INFO, "Lost connection with %s[%u]",
 	    who(c), c->pid);
-	keel_server_log(LOG_PRI_INTERNAL_INFO,
-	    "sdb_lts_release_dead(%u): not yet in this keel", c->pid);
+	int rc = sdb_lts_release_dead(c->pid);
+	keel_server_log(rc == 0 ? LOG_PRI_INTERNAL_INFO : LOG_PRI_INTERNAL_ERR,
+	    "sdb_lts_release_dead(%u): %d", c->pid, rc);
 	keel_server_log(LOG_PRI_INTERNAL_INFO,
 	    "sdb_db_secondary_failcheck after %s[%u]: not yet in this keel",
 	    who(c), c->pid);
