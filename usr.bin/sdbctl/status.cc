@@ -1,6 +1,6 @@
 /*
- * sdbctl status: attach to the session database as a client and print
- * what the environment and the main segment say.
+ * sdbctl status: register with keel as a client and print what the
+ * environment and the main segment say.
  */
 #include <cinttypes>
 #include <cstdio>
@@ -9,6 +9,7 @@
 #include <sdb/sdb.h>
 #include <sdb/sdb_db.h>
 
+#include "attach.h"
 #include "sdbctl.h"
 
 namespace {
@@ -55,21 +56,10 @@ int sdbctl_status(int argc, char **argv)
 		fprintf(stderr, "usage: sdbctl status\n");
 		return SDBCTL_EXIT_USAGE;
 	}
-	/* Attach only: the tool never makes a store, and a missing one is
-	 * reported, not created. */
-	keel_handle *h = keel_init_handle();
-	int rc = sdb_open_internal(false);
-	if (rc == 0)
-		rc = sdb_db_init(h, false);
-	if (rc == 0)
-		rc = sdb_db_secondary_init(false, false);
-	if (rc != 0) {
-		fprintf(stderr, "sdbctl: session database: %s (%d)\n",
-		    sdb_strerror(rc), rc);
-		sdb_close_internal(false);
+	keel_handle *h = sdbctl_attach("status");
+	if (h == nullptr)
 		return SDBCTL_EXIT_FAIL;
-	}
 	print_status();
-	sdb_close_internal(false);
+	sdbctl_detach(h);
 	return 0;
 }
