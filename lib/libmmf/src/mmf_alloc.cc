@@ -43,7 +43,7 @@ uint64_t find_fit(mmf_t *m, uint32_t need)
 			if (n.len >= need)
 				return off;
 			off = n.next_offset;
-			MMF_ASSERT(++walked < MMF_VALID_MAX_ITERS);
+			MMF_CHECK_FILE(++walked < MMF_VALID_MAX_ITERS);
 		}
 	}
 	return 0;
@@ -82,7 +82,7 @@ bool coalesce(mmf_t *m, uint64_t lo, uint64_t hi)
 
 } // namespace
 
-extern "C" bool mmf_grow(mmf_t *m)
+static bool grow(mmf_t *m)
 {
 	bool grown = false;
 	{
@@ -111,6 +111,18 @@ extern "C" bool mmf_grow(mmf_t *m)
 	return grown;
 }
 
+extern "C" bool mmf_grow(mmf_t *m)
+{
+	if (m->corrupt)
+		return false;
+	try {
+		return grow(m);
+	} catch (const mmf_damage &d) {
+		note_damage(m, __func__, d);
+		return false;
+	}
+}
+
 extern "C" bool mmf_try_grow(mmf_t *m)
 {
 	if (m->shared_info->current_bytes + m->grow_by_bytes > m->max_bytes)
@@ -118,12 +130,8 @@ extern "C" bool mmf_try_grow(mmf_t *m)
 	return mmf_grow(m);
 }
 
-extern "C" void *mmf_alloc(mmf_t *m, uint32_t bytes, uint64_t *offset)
+static void *alloc_node(mmf_t *m, uint32_t bytes, uint64_t *offset)
 {
-	MMF_ASSERT(m->allocs_allowed);
-	*offset = 0;
-	if (m->corrupt || m->read_only || bytes > MMF_MAX_NODE_LEN - 64)
-		return nullptr;
 	uint32_t usize = (bytes + 7u) & ~7u;
 	locked l(m);
 	mmf_shared_info_t *si = m->shared_info;
@@ -140,7 +148,7 @@ extern "C" void *mmf_alloc(mmf_t *m, uint32_t bytes, uint64_t *offset)
 
 	mmf_node_header_t n;
 	node_valid(m, off, &n, true);
-	MMF_ASSERT(n.flags & MMF_FLAG_FREE);
+	MMF_CHECK_FILE(n.flags & MMF_FLAG_FREE);
 	m->own_allocs++;
 	MMF_BUMP(m, alloc_count);
 	MMF_BUMP(m, allocs_by_class[class_of(si, n.len)]);
@@ -161,10 +169,23 @@ extern "C" void *mmf_alloc(mmf_t *m, uint32_t bytes, uint64_t *offset)
 	return map_range(m, *offset, usize, true);
 }
 
-extern "C" void mmf_free_offset(mmf_t *m, uint64_t offset)
+extern "C" void *mmf_alloc(mmf_t *m, uint32_t bytes, uint64_t *offset)
 {
-	if (m->corrupt || m->read_only)
-		return;
+	MMF_ASSERT(m->allocs_allowed);
+	*offset = 0;
+	if (m->corrupt || m->read_only || bytes > MMF_MAX_NODE_LEN - 64)
+		return nullptr;
+	try {
+		return alloc_node(m, bytes, offset);
+	} catch (const mmf_damage &d) {
+		note_damage(m, __func__, d);
+		*offset = 0;
+		return nullptr;
+	}
+}
+
+static void free_node(mmf_t *m, uint64_t offset)
+{
 	locked l(m);
 	mmf_shared_info_t *si = m->shared_info;
 	MMF_ASSERT(offset >= si->first_alloc_offset + MMF_NODE_HEADER_BYTES);
@@ -184,8 +205,8 @@ extern "C" void mmf_free_offset(mmf_t *m, uint64_t offset)
 		void *p = map_range(m, off - MMF_NODE_TRAILER_BYTES,
 		    MMF_NODE_TRAILER_BYTES, true);
 		memcpy(&t, p, sizeof(t));
-		MMF_ASSERT(t.len >= MMF_NODE_BYTES);
-		MMF_ASSERT(off - t.len >= si->first_alloc_offset);
+		MMF_CHECK_FILE(t.len >= MMF_NODE_BYTES);
+		MMF_CHECK_FILE(off - t.len >= si->first_alloc_offset);
 		uint64_t prev = off - t.len;
 		if (coalesce(m, prev, off))
 			off = prev;
@@ -194,6 +215,19 @@ extern "C" void mmf_free_offset(mmf_t *m, uint64_t offset)
 	node_valid(m, off, &cur, true);
 	if (off + cur.len < si->current_bytes)
 		coalesce(m, off, off + cur.len);
+}
+
+extern "C" void mmf_free_offset(mmf_t *m, uint64_t offset)
+{
+	if (m->corrupt || m->read_only)
+		return;
+	try {
+		free_node(m, offset);
+	} catch (const mmf_damage &d) {
+		/* The block stays allocated: a leak, where a guess could hand
+		 * the bytes out twice. */
+		note_damage(m, __func__, d);
+	}
 }
 
 extern "C" void *mmf_ensure_mapped(mmf_t *m, uint64_t offset, uint32_t len)
@@ -314,10 +348,9 @@ extern "C" void *mmf_alloc_common(mmf_t *m, uint32_t *len, uint64_t *offset)
 	return map_range(m, *offset, *len, false);
 }
 
-extern "C" void *mmf_alloc2(mmf_t *ctrl, mmf_t *data, uint32_t bytes,
+static void *alloc2(mmf_t *ctrl, mmf_t *data, uint32_t bytes,
     uint64_t *offset)
 {
-	*offset = 0;
 	locked lc(ctrl);
 	locked ld(data);
 	uint64_t coff, doff;
@@ -343,28 +376,52 @@ static uint64_t data_offset_of(mmf_t *ctrl, uint64_t offset)
 	mmf_node_header_t n;
 	MMF_ASSERT(offset >= MMF_NODE_HEADER_BYTES);
 	node_valid(ctrl, offset - MMF_NODE_HEADER_BYTES, &n, true);
-	MMF_ASSERT(n.flags & MMF_FLAG_DATA_OTHER_MMF);
+	MMF_CHECK_FILE(n.flags & MMF_FLAG_DATA_OTHER_MMF);
 	return n.user_offset;
+}
+
+extern "C" void *mmf_alloc2(mmf_t *ctrl, mmf_t *data, uint32_t bytes,
+    uint64_t *offset)
+{
+	*offset = 0;
+	if (ctrl->corrupt || data->corrupt)
+		return nullptr;
+	try {
+		return alloc2(ctrl, data, bytes, offset);
+	} catch (const mmf_damage &d) {
+		note_damage(ctrl, __func__, d);
+		*offset = 0;
+		return nullptr;
+	}
 }
 
 extern "C" void mmf_free_offset2(mmf_t *ctrl, mmf_t *data, uint64_t offset)
 {
-	locked lc(ctrl);
-	locked ld(data);
-	uint64_t doff = data_offset_of(ctrl, offset);
-	mmf_free_offset(data, doff);
-	mmf_free_offset(ctrl, offset);
+	try {
+		locked lc(ctrl);
+		locked ld(data);
+		uint64_t doff = data_offset_of(ctrl, offset);
+		mmf_free_offset(data, doff);
+		mmf_free_offset(ctrl, offset);
+	} catch (const mmf_damage &d) {
+		note_damage(ctrl, __func__, d);
+	}
 }
 
 extern "C" void *mmf_ensure_mapped2(mmf_t *ctrl, mmf_t *data,
     uint64_t offset, uint32_t len)
 {
-	locked lc(ctrl);
-	locked ld(data);
-	return mmf_ensure_mapped(data, data_offset_of(ctrl, offset), len);
+	try {
+		locked lc(ctrl);
+		locked ld(data);
+		return mmf_ensure_mapped(data, data_offset_of(ctrl, offset), len);
+	} catch (const mmf_damage &d) {
+		note_damage(ctrl, __func__, d);
+		return nullptr;
+	}
 }
 
-extern "C" void mmf_reset(mmf_t *m)
+static void reset(mmf_t *m)
 {
 	locked l(m);
 	mmf_shared_info_t *si = m->shared_info;
@@ -375,6 +432,16 @@ extern "C" void mmf_reset(mmf_t *m)
 	memset(si->frees_by_class, 0, sizeof(si->frees_by_class));
 	memset(si->free_heads, 0, sizeof(si->free_heads));
 	add_free_bytes(m, si->first_alloc_offset, si->current_bytes);
+}
+
+extern "C" void mmf_reset(mmf_t *m)
+{
+	try {
+		reset(m);
+		m->corrupt = false;	/* a fresh store: nothing is damaged */
+	} catch (const mmf_damage &d) {
+		note_damage(m, __func__, d);
+	}
 }
 
 extern "C" void mmf_quiesce(mmf_t *m)

@@ -80,6 +80,23 @@ struct mmf {
 	(m)->stats.field++;						\
 } while (0)
 
+/*
+ * Bytes of the file that fail a check are damage, not a programming error:
+ * the operation is abandoned by throwing mmf_damage, which the public entry
+ * points catch (no exception leaves the library), and the handle is marked
+ * corrupt so that it is not used to write into a damaged store again.
+ */
+struct mmf_damage {
+	const char *expr;
+	const char *file;
+	int line;
+};
+
+#define MMF_CHECK_FILE(expr) do {					\
+	if (__builtin_expect(!(expr), 0))				\
+		throw mmf_damage{#expr, __FILE__, __LINE__};		\
+} while (0)
+
 #define MMF_ASSERT(expr) do {						\
 	if (__builtin_expect(!(expr), 0))				\
 		mmf_detected_fatal_problem(__LINE__, #expr, __FILE__,	\
@@ -120,7 +137,11 @@ void node_set_flags(mmf_t *m, uint64_t off, uint32_t flags);
 /* Lay an unlinked node; the header last, so that a walk never meets a
  * header whose trailer is not yet there. */
 void node_lay(mmf_t *m, uint64_t off, uint32_t len, uint32_t flags);
-bool node_valid(mmf_t *m, uint64_t off, mmf_node_header_t *n, bool fatal);
+/* fatal: damage throws mmf_damage; otherwise false, with *fault set. */
+bool node_valid(mmf_t *m, uint64_t off, mmf_node_header_t *n, bool fatal,
+    const char **fault = nullptr);
+/* Mark the handle corrupt and report the damage once. */
+void note_damage(mmf_t *m, const char *func, const mmf_damage &d);
 uint32_t class_of(const mmf_shared_info_t *si, uint32_t len);
 void list_push(mmf_t *m, uint64_t off);
 void list_remove(mmf_t *m, uint64_t off);
@@ -128,6 +149,7 @@ void set_allocation_info(mmf_shared_info_t *si, uint32_t n,
     const uint32_t *sizes);
 void add_free_bytes(mmf_t *m, uint64_t from, uint64_t to);
 void extend_area(mmf_t *m, uint64_t new_end);
+bool lists_consistent(mmf_t *m);
 /* Rebuild what a dead lock holder may have left half done. */
 bool repair_after_dead_holder(mmf_t *m);
 

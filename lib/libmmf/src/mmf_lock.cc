@@ -59,7 +59,11 @@ void take_from_dead(mmf_t *m, uint32_t dead, pid_t tid)
 	MMF_BUMP(m, dead_holder_takeovers);
 	log_event("MMF_LOCK_HOLDER_DEAD", __func__, __LINE__,
 	    "lock of %s taken from dead pid %u", m->name, dead);
-	repair_after_dead_holder(m);
+	try {
+		repair_after_dead_holder(m);
+	} catch (const mmf_damage &d) {
+		note_damage(m, __func__, d);
+	}
 	mmf_unlock(m);
 }
 

@@ -128,7 +128,7 @@ void *map_range(mmf_t *m, uint64_t offset, uint64_t len, bool fatal)
 	if (m->whole_mapped) {
 		if (offset + len > m->whole_bytes || offset + len < offset) {
 			if (fatal)
-				MMF_ASSERT(offset + len <= m->whole_bytes);
+				MMF_CHECK_FILE(offset + len <= m->whole_bytes);
 			return nullptr;
 		}
 		return m->whole_base + offset;
@@ -139,9 +139,9 @@ void *map_range(mmf_t *m, uint64_t offset, uint64_t len, bool fatal)
 	    offset + len > offset && offset >= foa;
 	if (!ok) {
 		if (fatal) {
-			MMF_ASSERT(len < 2 * m->region_map_bytes);
-			MMF_ASSERT(offset + len <= m->max_bytes);
-			MMF_ASSERT(offset >= m->shared_info->first_alloc_offset);
+			MMF_CHECK_FILE(len < 2 * m->region_map_bytes);
+			MMF_CHECK_FILE(offset + len <= m->max_bytes);
+			MMF_CHECK_FILE(offset >= m->shared_info->first_alloc_offset);
 		}
 		return nullptr;
 	}

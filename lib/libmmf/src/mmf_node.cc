@@ -133,7 +133,8 @@ static const char *node_fault(mmf_t *m, uint64_t off, mmf_node_header_t *n)
 	return nullptr;
 }
 
-bool node_valid(mmf_t *m, uint64_t off, mmf_node_header_t *n, bool fatal)
+bool node_valid(mmf_t *m, uint64_t off, mmf_node_header_t *n, bool fatal,
+    const char **fault_out)
 {
 	const char *fault = node_fault(m, off, n);
 	if (fault == nullptr)
@@ -142,9 +143,23 @@ bool node_valid(mmf_t *m, uint64_t off, mmf_node_header_t *n, bool fatal)
 	fault = node_fault(m, off, n);
 	if (fault == nullptr)
 		return true;
+	if (fault_out != nullptr)
+		*fault_out = fault;
 	if (fatal && m->assert_on_bad)
-		mmf_detected_fatal_problem(__LINE__, fault, __FILE__, __LINE__);
+		throw mmf_damage{fault, __FILE__, __LINE__};
 	return false;
+}
+
+void note_damage(mmf_t *m, const char *func, const mmf_damage &d)
+{
+	bool first = !m->corrupt;
+	m->corrupt = true;
+	if (!first)
+		return;
+	log_event("MMF_CORRUPT", func, d.line, "%s: \"%s\" failed (%s:%d); "
+	    "this process stops writing to the store", m->name, d.expr, d.file,
+	    d.line);
+	meminfo_refresh(m);
 }
 
 uint32_t class_of(const mmf_shared_info_t *si, uint32_t len)
@@ -162,12 +177,13 @@ void list_push(mmf_t *m, uint64_t off)
 {
 	mmf_shared_info_t *si = m->shared_info;
 	mmf_node_header_t n;
-	MMF_ASSERT(node_read(m, off, &n));
+	MMF_CHECK_FILE(node_read(m, off, &n));
 	uint32_t c = class_of(si, n.len);
 	uint64_t head = si->free_heads[c];
 	if (head != 0) {
 		mmf_node_header_t h;
-		MMF_ASSERT(node_read(m, head, &h));
+		MMF_CHECK_FILE(node_read(m, head, &h));
+		MMF_CHECK_FILE(h.offset == head && h.prev_offset == 0);
 		h.prev_offset = off;
 		node_write(m, head, &h);
 	}
@@ -177,30 +193,38 @@ void list_push(mmf_t *m, uint64_t off)
 	si->free_heads[c] = off;
 }
 
+/* Every neighbour is read and checked before the first write, so that
+ * damage found here leaves the lists as they were. */
 void list_remove(mmf_t *m, uint64_t off)
 {
 	mmf_shared_info_t *si = m->shared_info;
-	mmf_node_header_t n;
-	MMF_ASSERT(node_read(m, off, &n));
+	mmf_node_header_t n, p, x;
+	MMF_CHECK_FILE(node_read(m, off, &n));
 	uint32_t c = class_of(si, n.len);
 	if (n.prev_offset == 0) {
-		MMF_ASSERT(si->free_heads[c] == off);
+		MMF_CHECK_FILE(si->free_heads[c] == off);
+	} else {
+		MMF_CHECK_FILE(node_read(m, n.prev_offset, &p));
+		MMF_CHECK_FILE(p.offset == n.prev_offset);
+		MMF_CHECK_FILE(p.next_offset == off);
+	}
+	if (n.next_offset != 0) {
+		MMF_CHECK_FILE(node_read(m, n.next_offset, &x));
+		MMF_CHECK_FILE(x.offset == n.next_offset);
+		MMF_CHECK_FILE(x.prev_offset == off);
+	}
+	if (n.prev_offset == 0) {
 		si->free_heads[c] = n.next_offset;
 	} else {
-		mmf_node_header_t p;
-		MMF_ASSERT(node_read(m, n.prev_offset, &p));
-		MMF_ASSERT(p.next_offset == off);
 		p.next_offset = n.next_offset;
 		node_write(m, n.prev_offset, &p);
 	}
 	if (n.next_offset != 0) {
-		mmf_node_header_t x;
-		MMF_ASSERT(node_read(m, n.next_offset, &x));
-		MMF_ASSERT(x.prev_offset == off);
+		MMF_CHECK_FILE(node_read(m, n.next_offset, &x));
 		x.prev_offset = n.prev_offset;
 		node_write(m, n.next_offset, &x);
 	}
-	MMF_ASSERT(node_read(m, off, &n));
+	MMF_CHECK_FILE(node_read(m, off, &n));
 	n.prev_offset = 0;
 	n.next_offset = 0;
 	node_write(m, off, &n);
@@ -273,6 +297,41 @@ void extend_area(mmf_t *m, uint64_t new_end)
 	std::atomic_ref<uint64_t>(si->current_bytes).store(new_end);
 	for (uint64_t off : laid)
 		list_push(m, off);
+}
+
+/*
+ * The free lists repeat what the nodes' flags say.  A list that does not
+ * (a wild link, a node twice, a free node missing) is rebuilt from the
+ * flags, which loses nothing.
+ */
+bool lists_consistent(mmf_t *m)
+{
+	mmf_shared_info_t *si = m->shared_info;
+	uint64_t free_nodes = 0, listed = 0;
+	for (uint64_t off = si->first_alloc_offset; off < si->current_bytes;) {
+		mmf_node_header_t n;
+		if (!node_read(m, off, &n) || n.len < MMF_NODE_BYTES)
+			return false;
+		if (n.flags & MMF_FLAG_FREE)
+			free_nodes++;
+		off += n.len;
+	}
+	uint32_t classes = std::min<uint32_t>(si->num_alloc_sizes,
+	    MMF_MAX_CLASSES);
+	for (uint32_t i = 0; i < MMF_MAX_CLASSES; i++) {
+		uint64_t prev = 0;
+		for (uint64_t off = si->free_heads[i]; off != 0;) {
+			mmf_node_header_t n;
+			if (i >= classes || ++listed > free_nodes ||
+			    !node_valid(m, off, &n, false) ||
+			    !(n.flags & MMF_FLAG_FREE) || n.prev_offset != prev ||
+			    class_of(si, n.len) != i)
+				return false;
+			prev = off;
+			off = n.next_offset;
+		}
+	}
+	return listed == free_nodes;
 }
 
 bool repair_after_dead_holder(mmf_t *m)

@@ -144,15 +144,17 @@ bool check_ready(mmf_t *m, uint64_t size)
 	return refuse(m, rep.detail);
 }
 
-/* A ready store: adopt new classes when empty, check, finish a grow. */
-bool open_ready(mmf_t *m)
+/* Under the lock: adopt new classes when empty, check, finish a grow. */
+bool adopt_check_finish(mmf_t *m, uint64_t size)
 {
 	mmf_shared_info_t *si = m->shared_info;
-	mmf_lock(m);
-	uint64_t size = file_size(m);
-	if (!check_ready(m, size)) {
-		mmf_unlock(m);
+	/* Nothing is written before the nodes are known to tile. */
+	if (strcmp(platform_progname(), "brindle") != 0 && !mmf_valid(m, false))
 		return false;
+	if (m->allocs_allowed && !lists_consistent(m)) {
+		log_event("MMF_LISTS_REBUILT", "mmf_create", __LINE__,
+		    "%s: free lists disagree with the nodes; rebuilt", m->name);
+		repair_after_dead_holder(m);
 	}
 	if (si->allocated_bytes == 0 && m->allocs_allowed) {
 		uint32_t have[MMF_MAX_USER_CLASSES];
@@ -163,15 +165,31 @@ bool open_ready(mmf_t *m)
 			repair_after_dead_holder(m);	/* relist by class */
 		}
 	}
-	bool ok = true;
-	if (strcmp(platform_progname(), "brindle") != 0)
-		ok = mmf_valid(m, false);
-	if (ok && si->current_bytes < size) {
+	if (si->current_bytes < size) {
 		log_event("MMF_GROW_FINISHED", "mmf_create", __LINE__,
 		    "%s: grow from %llu to %llu finished", m->name,
 		    static_cast<unsigned long long>(si->current_bytes),
 		    static_cast<unsigned long long>(size));
 		extend_area(m, size);
+	}
+	return !m->corrupt;
+}
+
+/* A ready store, checked under its lock. */
+bool open_ready(mmf_t *m)
+{
+	mmf_lock(m);
+	uint64_t size = file_size(m);
+	if (!check_ready(m, size)) {
+		mmf_unlock(m);
+		return false;
+	}
+	bool ok = true;
+	try {
+		ok = adopt_check_finish(m, size);
+	} catch (const mmf_damage &d) {
+		note_damage(m, "mmf_create", d);
+		ok = false;
 	}
 	mmf_unlock(m);
 	if (!ok)
@@ -226,8 +244,15 @@ bool init_shared_info(mmf_t *m)
 		if (magic == MMF_MAGIC_NONE || (magic == MMF_MAGIC_INIT &&
 		    !mmf_pid_alive(static_cast<pid_t>(si->initializer))) ||
 		    (magic == MMF_MAGIC_INIT &&
-		    si->initializer == static_cast<uint32_t>(mmf_getpid())))
-			initialise(m);
+		    si->initializer == static_cast<uint32_t>(mmf_getpid()))) {
+			try {
+				initialise(m);
+			} catch (const mmf_damage &d) {
+				note_damage(m, "mmf_create", d);
+				mmf_unlock(m);
+				return false;
+			}
+		}
 		mmf_unlock(m);
 	}
 }

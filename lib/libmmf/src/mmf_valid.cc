@@ -57,7 +57,11 @@ extern "C" bool mmf_valid(mmf_t *m, bool fatal)
 
 	mmf_lock(m);
 	si = m->shared_info;
-	shrink_if_empty(m);
+	try {
+		shrink_if_empty(m);
+	} catch (const mmf_damage &d) {
+		note_damage(m, __func__, d);
+	}
 
 	bool saved = m->assert_on_bad;
 	m->assert_on_bad = fatal;
@@ -66,7 +70,11 @@ extern "C" bool mmf_valid(mmf_t *m, bool fatal)
 	uint64_t start = now_ns();
 	while (off < si->current_bytes) {
 		mmf_node_header_t n;
-		if (!node_valid(m, off, &n, fatal)) {
+		const char *fault = nullptr;
+		if (!node_valid(m, off, &n, false, &fault)) {
+			if (fatal && saved)
+				mmf_detected_fatal_problem(__LINE__, fault,
+				    __FILE__, __LINE__);
 			/* The length of a bad node is unknown; the walk can
 			 * go no further. */
 			ok = false;

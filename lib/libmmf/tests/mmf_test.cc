@@ -408,6 +408,44 @@ TEST(MmfDamage, FatalCheckStopsWithTheFailedExpression)
 	mmf_unlink(name.c_str());
 }
 
+/* Damage met by a running process ends its writing to the store, with an
+ * event and a corrupt row, not the process. */
+TEST(MmfDamage, DamageFoundWhileRunningStopsWritesNotTheProcess)
+{
+	std::string name = store_name("runtime");
+	mmf_t *m = open_whole(name);
+	uint64_t a, b, c;
+	ASSERT_NE(mmf_alloc(m, 300, &a), nullptr);
+	ASSERT_NE(mmf_alloc(m, 300, &b), nullptr);
+	ASSERT_NE(mmf_alloc(m, 300, &c), nullptr);
+	mmf_free_offset(m, a);
+	/* The free node's list link now leads into the middle of b. */
+	uint64_t wild = b + 7;
+	write_at(name, a - MMF_NODE_HEADER_BYTES + 36, &wild, 8);
+	std::vector<uint64_t> got;
+	uint64_t off;
+	while (mmf_alloc(m, 128, &off) != nullptr)
+		got.push_back(off);
+	EXPECT_TRUE(m->corrupt);
+	EXPECT_TRUE(got.empty());
+	uint64_t before = mmf_get_allocated_bytes(m);
+	mmf_free_offset(m, c);	/* refused: nothing changes */
+	EXPECT_EQ(mmf_get_allocated_bytes(m), before);
+	EXPECT_NE(events().find("MMF_CORRUPT"), std::string::npos);
+	mmf_close(m);
+	/* The nodes still tile: the next opener rebuilds the lists from the
+	 * nodes' flags and goes on with every block where it was. */
+	EXPECT_NE(check_file(name), MMF_CHECK_OK);
+	m = open_whole(name);
+	ASSERT_NE(m, nullptr);
+	EXPECT_NE(events().find("MMF_LISTS_REBUILT"), std::string::npos);
+	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
+	EXPECT_EQ(mmf_get_allocated_bytes(m), before);
+	ASSERT_NE(mmf_alloc(m, 128, &off), nullptr);
+	EXPECT_EQ(off, a);
+	mmf_delete(m);
+}
+
 /*
  * A child holds the lock and dies by SIGKILL halfway through an operation
  * (two free nodes taken off their lists, the length of the merged node
