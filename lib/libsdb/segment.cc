@@ -87,6 +87,15 @@ int sdb_segment_attach(bool is_keel)
 	} else {
 		sdb_trace(SDB_TRACE_INFO, "shared memory exist");
 	}
+	struct shmid_ds ds;
+	if (shmctl(id, IPC_STAT, &ds) != 0 || ds.shm_segsz != size) {
+		/* A segment of the other id-space class would put every
+		 * word after the unit pools at the wrong place. */
+		sdb_trace(SDB_TRACE_ERR, "Failed to get shared memory");
+		sdb_trace(SDB_TRACE_ERR, "Failed to init shared memory %d",
+		    SDB_ERR_FATAL);
+		return SDB_ERR_FATAL;
+	}
 	void *p = shmat(id, nullptr, 0);
 	if (p == (void *)-1) {
 		sdb_trace(SDB_TRACE_ERR, "Failed to attach shared memory");

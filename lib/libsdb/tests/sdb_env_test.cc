@@ -214,6 +214,21 @@ TEST_F(SdbEnv, KeelCreatesEveryStoreAndAClientAttaches)
 	EXPECT_GE(shmget(ftok(key.c_str(), SDB_SHM_PROJECT), 0, 0), 0);
 }
 
+TEST_F(SdbEnv, SegmentOfTheOtherIdSpaceClassIsRefused)
+{
+	ASSERT_EQ(sdb_open_internal(true), 0);
+	ASSERT_EQ(sdb_close_internal(true), 0);
+	std::string key = tolvar::path(SDB_SHM_KEY_FILE);
+	int id = shmget(ftok(key.c_str(), SDB_SHM_PROJECT), 0, 0);
+	ASSERT_GE(id, 0);
+	ASSERT_EQ(shmctl(id, IPC_RMID, nullptr), 0);
+	ASSERT_GE(shmget(ftok(key.c_str(), SDB_SHM_PROJECT),
+	    SDB_SEG_SIZE + SDB_SEG_LARGE_EXTRA, IPC_CREAT | 0666), 0);
+	EXPECT_EQ(sdb_open_internal(false), SDB_ERR_FATAL);
+	EXPECT_EQ(sdb_open_internal(true), SDB_ERR_FATAL);
+	EXPECT_EQ(sdb_main_segment(), nullptr);
+}
+
 TEST_F(SdbEnv, KeelReadiesASetItsCreatorLeftUnset)
 {
 	/* A creator that died between semget and SETVAL. */
