@@ -1,0 +1,160 @@
+"""The session id word carried from master to standby, on two engines.
+
+Each test brings up its own lab (network and IPC namespaces per engine,
+joined by veth, keel and tolvard under a supervisor on each) and takes it
+down again.  Protocol timers run TOLVAR_TEST_TIMESCALE times faster, so a
+lost link is noticed in seconds; the 100 ms poll is not scaled.
+"""
+import os
+import pathlib
+import shutil
+import struct
+import subprocess
+import tempfile
+
+import pytest
+
+from conftest import BIN, TOP, wait_for
+
+LAB = TOP / "tools/lab/tolvar-lab"
+GENEROUS = 60.0
+
+
+class Lab:
+    def __init__(self, **extra):
+        # Short: keel's socket path below the engine's root must fit in
+        # a sockaddr_un.
+        self.dir = pathlib.Path(tempfile.mkdtemp(prefix="srl", dir="/tmp"))
+        self.env = dict(os.environ,
+                        TOLVAR_BIN=str(BIN),
+                        TOLVAR_LAB_DIR=str(self.dir),
+                        TOLVAR_LAB_NAME=f"sr{os.getpid() % 10000}",
+                        TOLVAR_LAB_SUBNET="10.93.0",
+                        TOLVAR_LAB_RESTART_DELAY="0.2",
+                        TOLVAR_TEST_TIMESCALE="20")
+        self.env.update({k: str(v) for k, v in extra.items()})
+
+    def __call__(self, *args, check=True, timeout=GENEROUS):
+        res = subprocess.run([str(LAB), *[str(a) for a in args]],
+                             env=self.env, capture_output=True, text=True,
+                             timeout=timeout)
+        if check:
+            assert res.returncode == 0, (args, res.stdout, res.stderr)
+        return res
+
+    def trace(self, engine):
+        p = self.dir / engine / "root/var/log/tolvard"
+        return p.read_text(errors="replace") if p.exists() else ""
+
+    def ctl(self, engine, *args):
+        return self("exec", engine, "sdbctl", *args).stdout.split()
+
+    def id(self, engine):
+        return int(self.ctl(engine, "id", "show")[0])
+
+    def generate(self, count):
+        return [int(x) for x in self.ctl("re0", "id", "generate", count)]
+
+    def link_ups(self, engine):
+        return self.trace(engine).count("Mirroring connection up")
+
+    def wait_linked(self, before=(0, 0)):
+        assert wait_for(lambda: self.link_ups("re0") > before[0] and
+                        self.link_ups("re1") > before[1],
+                        timeout=GENEROUS), self("status").stdout
+        # keel takes clients once the master's tolvard has said that
+        # replication started.
+        for engine in ("re0", "re1"):
+            assert wait_for(lambda: self("exec", engine, "sdbctl", "id",
+                                         "show", check=False).returncode == 0,
+                            timeout=GENEROUS, interval=0.1), engine
+
+
+def start(**extra):
+    if os.geteuid() != 0:
+        pytest.skip("the lab needs root")
+    for name in ("keel", "tolvard", "sdbctl"):
+        if not (BIN / name).exists():
+            pytest.skip(f"{name} is not built")
+    lab = Lab(**extra)
+    lab("up")
+    return lab
+
+
+def stop(lab):
+    lab("down", check=False)
+    shutil.rmtree(lab.dir, ignore_errors=True)
+
+
+@pytest.fixture
+def lab():
+    lab = start()
+    yield lab
+    stop(lab)
+
+
+def test_ids_of_the_master_reach_the_standby(lab):
+    lab.wait_linked()
+    ids = lab.generate(25)
+    assert ids == list(range(ids[0], ids[0] + 25))
+    assert wait_for(lambda: lab.id("re1") == ids[-1], timeout=GENEROUS), \
+        lab.trace("re1")
+    assert f"New session id {ids[-1]}" in lab.trace("re1")
+
+
+def test_after_the_masters_poll_the_standby_is_not_behind(lab):
+    lab.wait_linked()
+    seen = []
+    for _ in range(8):
+        last = lab.generate(3)[-1]
+        # The master's poll has picked the word up once it traces it;
+        # from then on the standby holds it or a later one.
+        assert wait_for(lambda: f"New Session id {last}" in lab.trace("re0")
+                        or lab.id("re0") > last, timeout=GENEROUS)
+        assert wait_for(lambda: lab.id("re1") >= last, timeout=GENEROUS)
+        seen.append(lab.id("re1"))
+        assert seen[-1] <= lab.id("re0")
+    assert seen == sorted(seen)
+
+
+def test_standby_catches_up_after_the_link_returns(lab):
+    lab.wait_linked()
+    first = lab.generate(2)[-1]
+    assert wait_for(lambda: lab.id("re1") == first, timeout=GENEROUS)
+    ups = (lab.link_ups("re0"), lab.link_ups("re1"))
+    lab("cut")
+    last = lab.generate(40)[-1]
+    assert wait_for(lambda: "Lost mirroring connection" in lab.trace("re1"),
+                    timeout=GENEROUS), lab.trace("re1")
+    assert lab.id("re1") == first
+    lab("heal")
+    lab.wait_linked(ups)
+    assert wait_for(lambda: lab.id("re1") == last, timeout=GENEROUS), \
+        lab.trace("re1")
+
+
+def test_a_session_id_sent_to_the_master_is_refused():
+    if not (BIN / "tolvard-rep-peer").exists():
+        pytest.skip("tolvard-rep-peer is not built")
+    # re1's tolvard stays down once killed: the test peer takes its place.
+    lab = start(TOLVAR_LAB_RESTART_DELAY=3600)
+    try:
+        lab.wait_linked()
+        mine = lab.generate(3)[-1]
+        assert wait_for(lambda: lab.id("re1") == mine, timeout=GENEROUS)
+        lab("kill", "re1", "tolvard")
+        assert wait_for(lambda: "Lost mirroring connection"
+                        in lab.trace("re0"), timeout=GENEROUS)
+        forged = mine + 1000000
+        record = struct.pack("=BBHQ", 1, 2, 8, forged).hex()
+        res = lab("exec", "re1", "tolvard-rep-peer", record, check=False,
+                  timeout=GENEROUS)
+        assert res.returncode == 0, (res.stdout, res.stderr, lab.trace("re0"))
+        assert "acked 1 0" in res.stdout
+        assert (f"SESSION ID {forged} msg recv rejected, we are master"
+                in lab.trace("re0"))
+        assert lab.id("re0") == mine
+        # The master still hands out its own next id.
+        assert lab.generate(1) == [mine + 1]
+    finally:
+        stop(lab)
