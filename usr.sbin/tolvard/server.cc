@@ -14,7 +14,9 @@
 #include <platform/logging.h>
 #include <platform/paths.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -180,11 +182,11 @@ void walk_failed(struct tolvard_conn *conn,
 		tolvard_conn_terminate(conn);
 		break;
 	case walk_status::ack_overrun:
-		/* The claimed size is printed as the client's 32-bit
-		 * arithmetic would have it; the check used 64 bits. */
+		/* A claim beyond what an int holds prints as INT_MAX rather
+		 * than as a wrapped, plausible-looking size. */
 		tolvard_trace(TRACE_SERVER,
 		    "Server failed ack msg decode expected %d, have %d",
-		    static_cast<int>(static_cast<uint32_t>(r.need)),
+		    static_cast<int>(std::min<uint64_t>(r.need, INT_MAX)),
 		    static_cast<int>(r.have));
 		tolvard_conn_terminate(conn);
 		break;
