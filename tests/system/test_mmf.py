@@ -227,3 +227,24 @@ def test_sdbctl_meminfo_without_a_table_says_so(heap):
     r = heap.run("meminfo", prog=heap.sdbctl)
     assert r.returncode == 1
     assert "no memory information table" in r.stderr
+
+
+def test_hung_initialiser_ends_in_a_fatal_stop_not_a_hang(heap):
+    """An initialiser that stops (SIGSTOP) keeps the opening locks; the
+    next opener gives up after sixty seconds (three here) with a fatal
+    stop, and once the hung one is killed, a new opener initialises."""
+    hung = heap.start("init-stop", STORE)
+
+    def stopped():
+        with open(f"/proc/{hung.pid}/stat") as f:
+            return f.read().split(")")[1].split()[0] == "T"
+    assert wait_for(stopped, GENEROUS)
+    r = heap.run("create", STORE, TOLVAR_TEST_TIMESCALE=20)
+    assert r.returncode == -signal.SIGABRT, r.stdout + r.stderr
+    assert "total_sleeptime.tv_sec < 60" in r.stderr
+    assert "MMF_FATAL" in heap.tags()
+    hung.kill()
+    hung.wait()
+    r = heap.run("create", STORE)
+    assert r.returncode == 0, r.stdout + r.stderr
+    assert heap.run("check", STORE).returncode == 0

@@ -8,6 +8,7 @@
 #include "mmf/mmf.h"
 
 #include <atomic>
+#include <mutex>
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
@@ -72,6 +73,7 @@ struct mmf {
 	bool corrupt;			/* damage seen; refuse further work */
 	uint32_t want_classes;		/* classes asked for at open */
 	uint32_t want_sizes[MMF_MAX_USER_CLASSES];
+	std::mutex map_mu;		/* region table, between threads */
 };
 
 /* Raise a counter in the header and in the handle alike. */

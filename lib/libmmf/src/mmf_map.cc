@@ -145,6 +145,9 @@ void *map_range(mmf_t *m, uint64_t offset, uint64_t len, bool fatal)
 		}
 		return nullptr;
 	}
+	/* Threads of one process share the table; a pointer handed out
+	 * still lives only until the next mapping call. */
+	std::lock_guard<std::mutex> g(m->map_mu);
 	MMF_BUMP(m, region_map_calls);
 	uint64_t r1 = offset / R, r2 = (offset + len - 1) / R;
 	mmf_region *e = &m->region_table[r1];

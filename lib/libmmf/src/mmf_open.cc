@@ -53,15 +53,40 @@ int creation_sem()
 	return id;
 }
 
+/*
+ * The semaphore and the flock are held only while a store is opened.
+ * A holder that dies gives them back (SEM_UNDO, close); one that hangs
+ * would hold every later opener for ever, so waiting is bounded like the
+ * wait for an initialiser: sixty seconds, then a fatal stop.
+ */
 void creation_sem_op(int id, short delta)
 {
 	struct sembuf op = {0, delta, SEM_UNDO};
-	for (int i = 0; i < 1000; i++) {
-		if (semop(id, &op, 1) == 0)
+	uint64_t start = now_ns();
+	int interrupts = 0;
+	for (;;) {
+		struct timespec slice = {0, 10000000};
+		if (semtimedop(id, &op, 1, delta < 0 ? &slice : nullptr) == 0)
 			return;
-		MMF_ASSERT(errno == EINTR);
+		if (errno == EINTR) {
+			MMF_ASSERT(++interrupts < 1000);
+			continue;
+		}
+		MMF_ASSERT(errno == EAGAIN);
+		MMF_ASSERT(now_ns() - start < scaled_ns(60) &&
+		    "total_sleeptime.tv_sec < 60");
 	}
-	MMF_ASSERT(!"creation semaphore: too many interruptions");
+}
+
+void flock_bounded(int fd)
+{
+	uint64_t start = now_ns();
+	while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+		MMF_ASSERT(errno == EWOULDBLOCK || errno == EINTR);
+		MMF_ASSERT(now_ns() - start < scaled_ns(60) &&
+		    "total_sleeptime.tv_sec < 60");
+		sleep_ns(1000000);
+	}
 }
 
 uint64_t round_up(uint64_t v, uint64_t to)
@@ -415,7 +440,7 @@ extern "C" mmf_t *mmf_create(const char *name, uint64_t max_bytes,
 	bool ok = false;
 	m->fd = open(path.c_str(), O_RDWR | O_CLOEXEC, 0600);
 	if (m->fd >= 0) {
-		flock(m->fd, LOCK_EX);
+		flock_bounded(m->fd);
 		ok = open_mapped(m);
 		flock(m->fd, LOCK_UN);
 	} else if (errno == ENOENT) {
@@ -425,7 +450,7 @@ extern "C" mmf_t *mmf_create(const char *name, uint64_t max_bytes,
 		if (m->fd < 0) {
 			mmf_errno = errno;
 		} else {
-			flock(m->fd, LOCK_EX);
+			flock_bounded(m->fd);
 			ok = open_mapped(m);
 			if (ok) {
 				mmf_shared_info_t *si = m->shared_info;
@@ -498,7 +523,7 @@ extern "C" bool mmf_recreate(mmf_t *m)
 	mmf_unlock(m);
 	unmap_all(m);
 	m->corrupt = false;
-	flock(m->fd, LOCK_EX);
+	flock_bounded(m->fd);
 	bool ok = open_mapped(m);
 	flock(m->fd, LOCK_UN);
 	return ok;

@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <set>
+#include <thread>
 #include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -505,6 +506,56 @@ TEST(MmfLock, RecursivePerThreadAndCounted)
 	EXPECT_EQ(mmf_get_shared_info(m)->lock_count, locks + 1);
 	EXPECT_EQ(mmf_get_shared_info(m)->deepest_nesting, 3u);
 	EXPECT_DEATH(mmf_unlock(m), "lock_word\\(m\\).load\\(\\) == self");
+	mmf_delete(m);
+}
+
+/* Threads of one process share a handle: the lock is theirs as much as
+ * other processes', and no block goes to two of them. */
+TEST(MmfLock, ThreadsOfOneProcessShareAHandle)
+{
+	std::string name = store_name("threads");
+	const uint64_t R = 256 << 10;
+	mmf_t *m = open_regions(name, 64 * R, 2 * R, R, 4);
+	ASSERT_NE(m, nullptr);
+	std::atomic<int> bad{0};
+	std::vector<std::thread> threads;
+	for (int t = 0; t < 4; t++)
+		threads.emplace_back([&, t] {
+			std::vector<std::pair<uint64_t, uint32_t>> live;
+			for (uint32_t i = 0; i < 5000; i++) {
+				uint64_t off;
+				uint32_t tag = (uint32_t(t) << 24) | i;
+				if (mmf_alloc(m, 16 + (i * 7) % 2000, &off) == nullptr) {
+					bad++;
+					break;
+				}
+				mmf_lock(m);	/* nested: stamps under the lock */
+				memcpy(mmf_ensure_mapped(m, off, 4), &tag, 4);
+				mmf_unlock(m);
+				live.push_back({off, tag});
+				if (i % 3 == 2) {
+					auto [o, want] = live[i % live.size()];
+					uint32_t got;
+					mmf_lock(m);
+					memcpy(&got, mmf_ensure_mapped(m, o, 4), 4);
+					mmf_unlock(m);
+					if (got != want)
+						bad++;
+					mmf_free_offset(m, o);
+					live[i % live.size()] = live.back();
+					live.pop_back();
+				}
+			}
+			for (auto [o, tag] : live)
+				mmf_free_offset(m, o);
+		});
+	for (auto &t : threads)
+		t.join();
+	EXPECT_EQ(bad.load(), 0);
+	EXPECT_EQ(mmf_get_allocated_bytes(m), 0u);
+	EXPECT_EQ(mmf_get_shared_info(m)->lockerpid, 0u);
+	EXPECT_TRUE(mmf_valid(m, true));
+	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
 	mmf_delete(m);
 }
 

@@ -6,6 +6,7 @@
  *   hold FILE                take the lock, say "locked", wait for ever
  *   lock FILE                take the lock; print the wait and takeovers
  *   init-die FILE            die by SIGKILL halfway through initialising
+ *   init-stop FILE           stop (SIGSTOP) halfway through initialising
  *   soak FILE SECONDS SEED   allocate, stamp, verify and free at random
  *   check FILE               open, then check the file's bytes
  *   register FILE            open with registration in the meminfo table
@@ -192,6 +193,11 @@ int main(int argc, char **argv)
 		return cmd_lock(name);
 	if (cmd == "init-die") {
 		mmf_init_test_hook = [] { raise(SIGKILL); };
+		open_store(name);
+		return 1;
+	}
+	if (cmd == "init-stop") {
+		mmf_init_test_hook = [] { raise(SIGSTOP); };
 		open_store(name);
 		return 1;
 	}

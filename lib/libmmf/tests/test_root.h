@@ -6,7 +6,9 @@
 #define MMF_TEST_ROOT_H
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include "mmf/mmf.h"
@@ -21,6 +23,11 @@ inline const std::string &test_root()
 		setenv("TOLVAR_NO_GCORE", "1", 1);
 		mmf_mkdir_path("/mfs/var/test");
 		mmf_mkdir_path("/var/log");
+		static pid_t owner = getpid();
+		atexit([] {
+			if (getpid() == owner)
+				std::filesystem::remove_all(tolvar_root());
+		});
 		return r;
 	}();
 	return root;
