@@ -468,3 +468,21 @@ def test_version_mismatch_slows_the_retries(loopback):
     conn.sendall(cntrl2() + cntrl())
     assert driver.wait(r"^state 1$")
     conn.close()
+
+
+def test_terminate_closes_for_good(loopback):
+    srv, start = loopback
+    driver = start()
+    conn = accept(srv)
+    conn.sendall(cntrl2() + cntrl())
+    assert driver.wait(r"^state 1$")
+    driver.cmd("terminate")
+    assert driver.wait(r"^terminated$")
+    assert driver.wait(r"^state 0$")
+    assert read_closed(conn)
+    conn.close()
+    # At 100 ms a retry would have come many times over.
+    srv.settimeout(2)
+    with pytest.raises(socket.timeout):
+        srv.accept()
+    assert driver.status()["connected"] == "0"
