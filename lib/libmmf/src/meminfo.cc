@@ -189,13 +189,14 @@ void write_row(uint32_t type, const void *data, uint32_t size,
 
 	table_lock l;
 	meminfo_header_t *h = hdr();
-	if (h->free_bytes < total)
-		return;
 	if (c->flags & MEMINFO_FLAG_CORRUPT)
 		h->flags |= MEMINFO_TABLE_CORRUPT;
 	if (first_row_short())
 		reset(MEMINFO_RESET_UPDATE);
 	uint64_t off = find_row(type, c->name, total, index);
+	/* A full table drops new rows only: rows it holds stay current. */
+	if (off == 0 && h->free_bytes < total)
+		return;
 	if (off != 0) {
 		uint8_t *dst = table_base + off + sizeof(meminfo_row_header_t);
 		uint32_t n = std::min<uint32_t>(size,

@@ -316,8 +316,16 @@ extern "C" void *mmf_alloc_common(mmf_t *m, uint32_t *len, uint64_t *offset)
 			*len = si->common_len;
 		} else if ((m->create_flags & MMF_CREATE_COMMON_RESIZE) &&
 		    m->whole_mapped && at > foa) {
+			/*
+			 * A common area that is a node cannot outgrow its node:
+			 * the bytes after it belong to other nodes.
+			 */
+			uint32_t room = m->allocs_allowed ?
+			    mmf_get_user_usable_len(m, at) : UINT32_MAX;
 			if (*len < si->common_len) {
 				*len = si->common_len;
+			} else if (m->allocs_allowed) {
+				si->common_len = std::min(*len, room);
 			} else if (at + *len <= si->current_bytes) {
 				si->common_len = *len;
 			} else {

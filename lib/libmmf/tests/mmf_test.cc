@@ -255,6 +255,26 @@ TEST(MmfCommon, SmallRootLivesInTheHeaderPageAndLargeOneIsAllocated)
 	EXPECT_GE(off, mmf_get_first_alloc_offset(m));
 	EXPECT_EQ(mmf_get_common_len(m), 10000u);
 	mmf_delete(m);
+
+	/* A resizable common area that is a node stays inside its node. */
+	name = store_name("common-resize");
+	m = mmf_create(name.c_str(), 1 << 20, 1 << 20, 1 << 20, true, 0, 1, 3,
+	    kSizes, MMF_CREATE_COMMON_RESIZE, nullptr);
+	len = 10000;
+	ASSERT_NE(mmf_alloc_common(m, &len, &off), nullptr);
+	uint64_t other, other2;
+	ASSERT_NE(mmf_alloc(m, 64, &other), nullptr);
+	ASSERT_NE(mmf_alloc(m, 64, &other2), nullptr);
+	len = 20000;
+	auto *q = static_cast<uint8_t *>(mmf_alloc_common(m, &len, &off));
+	ASSERT_NE(q, nullptr);
+	EXPECT_EQ(len, mmf_get_user_usable_len(m, off));
+	memset(q, 0x5A, len);
+	len = 4000;
+	ASSERT_NE(mmf_alloc_common(m, &len, &off), nullptr);
+	EXPECT_EQ(len, mmf_get_user_usable_len(m, off));
+	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
+	mmf_delete(m);
 }
 
 TEST(MmfTwoFiles, ControlNodeLeadsToTheData)
