@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -147,9 +148,13 @@ keel_send(keel_handle *h, const void *msg, size_t len)
 {
 	size_t sent = 0;
 	while (sent < len) {
-		/* MSG_NOSIGNAL: a keel that went away must not kill us. */
+		/*
+		 * MSG_NOSIGNAL: a keel that went away must not kill us.
+		 * MSG_DONTWAIT: a keel that no longer reads must not hang us;
+		 * our messages are small, so a full socket means a stuck keel.
+		 */
 		ssize_t n = send(h->fd, static_cast<const char *>(msg) + sent,
-		    len - sent, MSG_NOSIGNAL);
+		    len - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
 		if (n < 0 && errno == EINTR)
 			continue;
 		if (n <= 0) {
@@ -206,10 +211,21 @@ keel_connect(keel_handle *h)
 	memcpy(sun.sun_path, path, strlen(path) + 1);
 	socklen_t len = static_cast<socklen_t>(offsetof(struct sockaddr_un,
 	    sun_path) + strlen(path) + 1);
+	/*
+	 * A keel that has stopped accepting must not hold us: a unix
+	 * connect blocks once keel's backlog is full, so it is made without
+	 * waiting (a full backlog fails with EAGAIN) and the socket goes
+	 * back to blocking afterwards.
+	 */
+	int flags = fcntl(h->fd, F_GETFL);
+	(void)fcntl(h->fd, F_SETFL, flags | O_NONBLOCK);
 	int rc;
 	do {
 		rc = connect(h->fd, reinterpret_cast<struct sockaddr *>(&sun), len);
 	} while (rc != 0 && errno == EINTR);
+	int err = errno;
+	(void)fcntl(h->fd, F_SETFL, flags & ~O_NONBLOCK);
+	errno = err;
 	if (rc != 0) {
 		keel_error(h, "Unable to connect to KEEL socket: %s",
 		    strerror(errno));

@@ -113,6 +113,33 @@ TEST_F(KeelRegister, NoKeelAndNoDatabase)
 	EXPECT_TRUE(logged("KEEL not supported on this platform"));
 }
 
+TEST_F(KeelRegister, KeelThatStopsAcceptingCannotHoldUs)
+{
+	/* A listener that never accepts: its backlog fills up. */
+	char path[108];
+	keel_path(path, sizeof(path));
+	unlink(path);
+	int l = socket(AF_UNIX, SOCK_STREAM, 0);
+	struct sockaddr_un sun = {};
+	sun.sun_family = AF_UNIX;
+	strcpy(sun.sun_path, path);
+	ASSERT_EQ(bind(l, reinterpret_cast<sockaddr *>(&sun), sizeof(sun)), 0);
+	ASSERT_EQ(listen(l, 1), 0);
+	keel_set_timeout(h, 20);
+
+	std::vector<int> codes;
+	for (int i = 0; i < 6; i++)
+		codes.push_back(keel_register(h));
+	close(l);
+	unlink(path);
+	/* First the answer never comes, then the connect is refused. */
+	EXPECT_EQ(codes.front(), -35);
+	EXPECT_EQ(codes.back(), -26);
+	for (int c : codes)
+		EXPECT_TRUE(c == -35 || c == -26) << c;
+	EXPECT_FALSE(h->user_reg);
+}
+
 TEST_F(KeelRegister, RefusalsCarryTheirMeaning)
 {
 	fake_keel k;
