@@ -2,11 +2,13 @@
  * mirror-driver: one routing engine's end of the mirror link, driven from
  * standard input, for the multi-process tests.
  *
- * usage: mirror-driver [-p port] [-t tracefile] [-n name-of-class-3] [-1]
+ * usage: mirror-driver [-p port] [-t tracefile] [-n name-of-class-3] [-1] [-Q]
  *
  * The role comes from the platform file, as in the daemons ("role =
  * master" listens, anything else connects to "peer_address").  -1 sends
- * only the first-generation control message.  Commands, one per line:
+ * only the first-generation control message.  -Q adds class 4, "Driver
+ * queue", whose items go through the data queues (mirror_driver_queue.cc
+ * lists its commands).  Commands, one per line:
  *
  *	send <id> <text>	a record of class <id> with the text
  *	bulk <id> <count> <size>	count records of size bytes, as fast as
@@ -22,6 +24,7 @@
  * "send-error <errno>", "eod id=<id> count=<n>".
  */
 #include "mirror_direct.h"
+#include "mirror_driver_queue.h"
 
 #include <orx/mirror_data.h>
 #include <platform/chassis.h>
@@ -51,6 +54,7 @@ mirror_db_entry db_table[] = {
 	{0, "End-of-database"},
 	{1, "Mirror ack"},
 	{3, "Driver data"},
+	{0, nullptr},	/* -Q: the queued class */
 	{0, nullptr},
 };
 
@@ -211,6 +215,8 @@ command(const std::string &line)
 	} else if (cmd == "quit") {
 		quitting = true;
 		__evBreak(ev);
+	} else if (driver_queue_command(cmd, line)) {
+		/* done */
 	} else if (!cmd.empty()) {
 		out("bad-command %s", line.c_str());
 	}
@@ -274,8 +280,9 @@ main(int argc, char **argv)
 	const char *trace_path = "/var/log/mirror-driver";
 	bool first_gen_only = false;
 	bool quiet = false;
+	bool queue_class = false;
 	int opt;
-	while ((opt = getopt(argc, argv, "p:t:n:1q")) != -1) {
+	while ((opt = getopt(argc, argv, "p:t:n:1qQ")) != -1) {
 		switch (opt) {
 		case 'p':
 			port = atoi(optarg);
@@ -292,9 +299,12 @@ main(int argc, char **argv)
 		case 'q':
 			quiet = true;
 			break;
+		case 'Q':
+			queue_class = true;
+			break;
 		default:
 			fprintf(stderr, "usage: mirror-driver [-p port] [-t trace] "
-			    "[-n name] [-1] [-q]\n");
+			    "[-n name] [-1] [-q] [-Q]\n");
 			return 2;
 		}
 	}
@@ -306,6 +316,10 @@ main(int argc, char **argv)
 	st.mirror_db_table = db_table;
 	st.mirror_first_id = 0;
 	st.MIRROR_DATA_LAST = 4;
+	if (queue_class) {
+		db_table[4] = {DRIVER_QUEUE_ID, DRIVER_QUEUE_NAME};
+		st.MIRROR_DATA_LAST = DRIVER_QUEUE_ID + 1;
+	}
 	st.mirror_ack_id = 1;
 	st.mirror_eod_id = 0;
 	st.port = static_cast<uint16_t>(port);
