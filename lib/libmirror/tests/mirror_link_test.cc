@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <netinet/in.h>
@@ -175,6 +176,12 @@ public:
 		ASSERT_EQ(mirror_register_data(&session_class), 0);
 		ASSERT_EQ(mirror_start(), 0);
 	}
+
+	void TearDown() override
+	{
+		mirror_terminate(nullptr);
+		std::filesystem::remove_all(root);
+	}
 };
 
 const auto *env = ::testing::AddGlobalTestEnvironment(new LinkEnv);
@@ -241,12 +248,13 @@ public:
 		ASSERT_EQ(send(fd, b.data(), b.size(), MSG_NOSIGNAL), static_cast<ssize_t>(b.size()));
 	}
 
-	void send_control(uint32_t keepalive = 60)
+	void send_control(uint32_t keepalive = 60, uint32_t buf_size = 0x20000)
 	{
 		uint8_t buf[1024];
 		wire::cntrl_out c;
 		c.dbs = db_table;
 		c.keepalive = keepalive;
+		c.buf_size = buf_size;
 		size_t n = wire::put_cntrl2(buf, c);
 		n += wire::put_cntrl(std::span(buf).subspan(n), 0);
 		send_bytes(bytes(buf, buf + n));
@@ -494,6 +502,34 @@ TEST(MirrorLink, VersionMismatchIsReported)
 	/* A good exchange brings the quick retry back. */
 	raw_peer peer;
 	ASSERT_TRUE(peer.ready());
+}
+
+TEST(MirrorLink, PeerBufferSizeIsHeldToOneWrite)
+{
+	for (auto [announced, held] : {std::pair{0xFFFFu, 0x10000u}, std::pair{0x30000u, 0x20000u},
+	    std::pair{0x18001u, 0x18004u}}) {
+		raw_peer peer;
+		ASSERT_TRUE(peer.connect_now());
+		peer.send_control(60, announced);
+		ASSERT_TRUE(pump_until([] { return mirror_connected() != 0; }));
+		EXPECT_EQ(mirror_peer_info()->mpi_buf_size, held);
+		close(peer.fd);
+		peer.fd = -1;
+		ASSERT_TRUE(pump_until([] { return mirror_connected() == 0; }));
+	}
+}
+
+TEST(MirrorLinkDeathTest, MisuseStopsTheProcess)
+{
+	mirror_reg_entry again = session_class;
+	EXPECT_DEATH(mirror_register_data(&again), "mirror assertion failed");
+	mirror_reg_entry beyond = session_class;
+	beyond.mirror_data_id = 3;
+	EXPECT_DEATH(mirror_register_data(&beyond), "mirror assertion failed");
+	mirror_reg_entry incomplete = session_class;
+	incomplete.mirror_data_id = 0;
+	incomplete.mirror_data_decode_func = nullptr;
+	EXPECT_DEATH(mirror_register_data(&incomplete), "mirror assertion failed");
 }
 
 TEST(MirrorHost, MaxPacketIsHalvedOnASingleChassis)
