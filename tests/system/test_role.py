@@ -519,3 +519,120 @@ def test_empty_ack_and_process_list(lone):
     assert "UNKNOWN conn" in trace
     named.close()
     unnamed.close()
+
+
+def set_role(lab, e, role):
+    p = lab.root(e) / "etc/tolvar/platform"
+    text = "".join(f"role = {role}\n" if line.startswith("role") else line + "\n"
+                   for line in p.read_text().splitlines())
+    tmp = p.with_suffix(".new")
+    tmp.write_text(text)
+    os.replace(tmp, p)
+
+
+def refused(path):
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+        try:
+            s.connect(str(path))
+        except (ConnectionRefusedError, FileNotFoundError):
+            return True
+    return False
+
+
+def test_master_to_none_waits_for_reboot_then_fails(lab):
+    lab = lab()
+    pid = lab.pid("re0")
+    set_role(lab, "re0", "none")
+    lab.signal("re0", signal.SIGHUP)
+    lab.wait_trace("re0", "Switching from Master to None")
+    assert wait_for(lambda: "TOLVARD_GRES_SWITCH_TO_NONE" in lab.event_tags("re0"))
+    # Nobody is left waiting on a daemon that blocks: the socket is shut.
+    sock = lab.root("re0") / "var/run/tolvard_server_communication"
+    assert wait_for(lambda: refused(sock) or lab.pid("re0") != pid)
+    # 900 s, scaled: then the engine evidently did not reboot.
+    assert wait_for(lambda: "TOLVARD_GRES_REBOOT_FAIL" in lab.event_tags("re0"),
+                    timeout=60)
+    assert wait_for(lambda: "tolvard exited with status 1"
+                    in lab.supervisor_log("re0"))
+    lab.wait_trace("re0", "Init: We are neither Master nor StandBy")
+    # Master again: the restarted daemon takes the role in place.
+    set_role(lab, "re0", "master")
+    lab.signal("re0", signal.SIGHUP)
+    lab.wait_trace("re0", "Switching from None to Master")
+    lab.assert_standby_caught_up()
+
+
+def test_sigterm_ends_the_wait_for_reboot(lab):
+    lab = lab(timescale=1)
+    set_role(lab, "re0", "none")
+    lab.signal("re0", signal.SIGHUP)
+    assert wait_for(lambda: "TOLVARD_GRES_SWITCH_TO_NONE" in lab.event_tags("re0"))
+    lab.signal("re0", signal.SIGINFO if hasattr(signal, "SIGINFO")
+               else signal.SIGPWR)
+    lab.signal("re0", signal.SIGTERM)
+    assert wait_for(lambda: "tolvard exited with status 0"
+                    in lab.supervisor_log("re0"), timeout=30)
+    assert "TOLVARD_GRES_REBOOT_FAIL" not in lab.event_tags("re0")
+    assert "received SIGTERM signal" in lab.trace("re0")
+
+
+def test_client_gone_while_waiting_is_never_answered(lab):
+    lab = lab()
+    standby = lab.pid("re1")
+    path = lab.root("re0") / "var/run/tolvard_server_communication"
+    lab.freeze(standby)
+    waits = lab.count("re0", "Server, waiting for ACK")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+        s.connect(str(path))
+        s.sendall(reg_msg(b"leaver") + ack_msg(42))
+        lab.wait_trace("re0", "Server, waiting for ACK", waits + 1)
+    lab.wait_trace("re0", "Term: Remove entry")
+    acks = lab.count("re0", "Mirroring ACK for")
+    lab.thaw(standby)
+    # The entry runs out with the channel, and finds nobody to answer.
+    lab.wait_trace("re0", "Mirroring ACK for", acks + 1)
+    assert "Server Send ACK 12 bytes" not in lab.trace("re0")
+    assert "Server failed to Send" not in lab.trace("re0")
+    lab.assert_standby_caught_up()
+
+
+def test_barriers_beyond_the_entry_limit_are_answered_at_once(lab):
+    lab = lab()
+    standby = lab.pid("re1")
+    path = lab.root("re0") / "var/run/tolvard_server_communication"
+    # 1000 barriers wait on ten clients (a burst of answers to one client
+    # would outrun its socket buffer); there are at most 1001 entries.
+    sent = [[ack_msg(c, i) for i in range(100)] for c in range(10)]
+    extra = [ack_msg(99, i) for i in range(10)]
+    waits = lab.count("re0", "Server, waiting for ACK")
+    lab.freeze(standby)
+    clients = []
+    try:
+        for msgs in sent:
+            s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+            clients.append(s)
+            s.connect(str(path))
+            s.sendall(b"".join(msgs))
+        lab.wait_trace("re0", "Server, waiting for ACK", waits + 1000)
+        late = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        clients.append(late)
+        late.connect(str(path))
+        late.sendall(b"".join(extra))
+        lab.wait_trace("re0", "Max messages hit")
+        # With no entry left there is nothing to wait on: answered now,
+        # while the standby is still frozen.
+        now = recv_exactly(late, 9 * 16)
+        assert len(now) == 9 * 16
+        lab.thaw(standby)
+        for s, msgs in zip(clients, sent):
+            want = b"".join(msgs)
+            assert recv_exactly(s, len(want), timeout=30) == want
+        rest = recv_exactly(late, 16, timeout=30)
+    finally:
+        for s in clients:
+            s.close()
+    # Every barrier was answered once, with its own bytes.
+    got = sorted(now[i:i + 16] for i in range(0, len(now), 16)) + [rest]
+    assert sorted(got) == sorted(extra)
+    assert "Max messages hit" in lab.trace("re0")
+    lab.assert_standby_caught_up()

@@ -28,6 +28,7 @@
 #include <platform/timescale.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -35,25 +36,53 @@
 namespace {
 
 /*
- * Sleep for the whole span; a signal that cuts the sleep short does not
- * end it, so that SIGHUP or SIGINFO cannot shorten a wait for a reboot.
- * SIGTERM is the exception: the process manager asks the daemon to go,
- * and it has nothing left to do, so making the manager escalate to
- * SIGKILL after its own timeout would only delay the stop.  The database
- * is closed before every wait, so leaving early loses nothing.
+ * Sleep for the whole span; no signal cuts it short, so that SIGHUP or
+ * SIGINFO cannot shorten a wait for a reboot.  SIGTERM is the exception:
+ * the process manager asks the daemon to go, and it has nothing left to
+ * do, so making the manager escalate to SIGKILL after its own timeout
+ * would only delay the stop.  The database is closed before every wait,
+ * so leaving early loses nothing.
+ *
+ * The wait runs inside an event handler, where the loop keeps its signals
+ * blocked: SIGTERM is taken here synchronously with sigtimedwait(), and
+ * the others stay pending, as they would during any long handler.
  */
 void sleep_through_signals(double secs)
 {
-	struct timespec left = tolvar_scaled_secs(secs);
+	sigset_t term, old;
+	struct timespec now, end, left = tolvar_scaled_secs(secs);
 
-	while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-		if (tolvard_state.sig_term) {
+	sigemptyset(&term);
+	sigaddset(&term, SIGTERM);
+	pthread_sigmask(SIG_BLOCK, &term, &old);
+	clock_gettime(CLOCK_MONOTONIC, &end);
+	end.tv_sec += left.tv_sec;
+	end.tv_nsec += left.tv_nsec;
+	if (end.tv_nsec >= 1000000000L) {
+		end.tv_sec++;
+		end.tv_nsec -= 1000000000L;
+	}
+	for (;;) {
+		if (tolvard_state.sig_term || sigtimedwait(&term, nullptr, &left) == SIGTERM) {
 			tolvard_trace(TRACE_GENERAL,
 			    "received SIGTERM signal: graceful shutdown commencing....");
 			tolvard_shutdown();
 			exit(0);
 		}
+		if (errno == EAGAIN)
+			break;
+		/* Cut short by another signal: sleep what is left. */
+		clock_gettime(CLOCK_MONOTONIC, &now);
+		left.tv_sec = end.tv_sec - now.tv_sec;
+		left.tv_nsec = end.tv_nsec - now.tv_nsec;
+		if (left.tv_nsec < 0) {
+			left.tv_sec--;
+			left.tv_nsec += 1000000000L;
+		}
+		if (left.tv_sec < 0)
+			break;
 	}
+	pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 const char *lower_role_name(uint32_t role)
@@ -193,6 +222,15 @@ void tolvard_switch_to_master(void)
 	if (tolvard_state.mirror_inited)
 		mirror_re_switchover_event();
 	tolvard_reopen();
+	/*
+	 * A daemon that started without a role never set up the link, and
+	 * the database-ready callback sets it up only on a change of the
+	 * configuration: without this the new master would serve with no
+	 * standby and no one would notice.  Set-up refuses by itself when
+	 * graceful switchover is off.
+	 */
+	if (!tolvard_state.mirror_inited)
+		tolvard_mirror_init();
 }
 
 void tolvard_restart_later(void)
