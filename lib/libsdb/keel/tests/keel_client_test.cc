@@ -199,6 +199,31 @@ TEST_F(KeelRegister, FailedDatabaseInitSaysGoodbyeWithTheCode)
 	    "db_init", "close_internal"}));
 }
 
+TEST_F(KeelRegister, EnhancedPlatformRetriesTwentyTimesThenGivesUp)
+{
+	write_platform("enhanced_bbe = 1\n");
+	int before = count_events("LIBSDB_KEEL_RETRY_STATUS");
+	/* The retries lower the data limit: only in a child of our own. */
+	pid_t pid = fork();
+	ASSERT_GE(pid, 0);
+	if (pid == 0) {
+		struct rlimit rl = {RLIM_INFINITY, RLIM_INFINITY};
+		setrlimit(RLIMIT_DATA, &rl);
+		fake_keel k;
+		env().db_init_rc = -2;
+		int rc = keel_register(h);
+		long inits = std::count(env().calls.begin(), env().calls.end(),
+		    "db_init");
+		_exit(rc == -2 && inits == 21 ? 0 : 1);
+	}
+	int status;
+	ASSERT_EQ(waitpid(pid, &status, 0), pid);
+	ASSERT_TRUE(WIFEXITED(status));
+	EXPECT_EQ(WEXITSTATUS(status), 0) << "not 21 tries ending in -2";
+	EXPECT_EQ(count_events("LIBSDB_KEEL_RETRY_STATUS") - before, 20);
+	EXPECT_GE(count_events("LIBSDB_KEEL_RLIMIT_SUCCESS"), 1);
+}
+
 using KeelMessages = KeelTest;
 
 TEST_F(KeelMessages, BadBytesFromKeelCloseTheConnection)
