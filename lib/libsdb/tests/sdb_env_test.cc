@@ -21,6 +21,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include <platform/paths.h>
 #include <sdb/keel.h>
@@ -520,6 +521,55 @@ TEST_F(SdbEnv, BucketHolderKilledBySigkillIsTakenOver)
 	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, 0u);
 	close(ready[0]);
 	close(ready[1]);
+}
+
+TEST_F(SdbEnv, ThreadsOfOneProcessTakeTurnsOnTheBuckets)
+{
+	open_as_keel();
+	uint64_t shared = 0;	/* guarded by the bucket locks */
+	constexpr int threads = 4, rounds = 2000;
+	std::vector<std::thread> ts;
+	std::atomic<int> failures{0};
+	for (int t = 0; t < threads; t++)
+		ts.emplace_back([&, t] {
+			for (int i = 0; i < rounds; i++) {
+				/* Different sessions, one per thread at a time. */
+				uint64_t sid = (uint64_t)(t * 7 + i % 3);
+				if (sdb_sentry_lock_acquire(sid) != 0) {
+					failures++;
+					continue;
+				}
+				shared++;
+				sdb_sentry_lock_release(sid);
+			}
+		});
+	for (auto &t : ts)
+		t.join();
+	EXPECT_EQ(failures.load(), 0);
+	EXPECT_EQ(shared, (uint64_t)threads * rounds);
+	for (uint32_t b = 0; b < sdb_lts_bucket_count(); b++)
+		ASSERT_EQ(sdb_lts_bucket_ptr(b)->owner_pid, 0u);
+}
+
+TEST(SdbWait, AnUnreapedDeadHolderIsDead)
+{
+	pid_t child = fork();
+	if (child == 0)
+		_exit(0);
+	/* Until the parent reaps it the child is a zombie: it holds
+	 * nothing, though kill(pid, 0) still finds it. */
+	bool dead = false;
+	for (int i = 0; i < 5000 && !dead; i++) {
+		dead = !sdb_pid_alive((uint32_t)child);
+		if (!dead)
+			usleep(1000);
+	}
+	EXPECT_TRUE(dead);
+	EXPECT_EQ(kill(child, 0), 0);
+	waitpid(child, nullptr, 0);
+	EXPECT_FALSE(sdb_pid_alive((uint32_t)child));
+	EXPECT_TRUE(sdb_pid_alive((uint32_t)getpid()));
+	EXPECT_FALSE(sdb_pid_alive(0));
 }
 
 TEST_F(SdbEnv, DeadClientAndKeelStartReleaseBuckets)
