@@ -201,6 +201,10 @@ TEST_F(KeelRegister, FailedDatabaseInitSaysGoodbyeWithTheCode)
 
 TEST_F(KeelRegister, EnhancedPlatformRetriesTwentyTimesThenGivesUp)
 {
+#ifdef __SANITIZE_ADDRESS__
+	/* The sanitizer's own mappings do not fit in the lowered limit. */
+	GTEST_SKIP() << "data limit steps and AddressSanitizer do not mix";
+#endif
 	write_platform("enhanced_bbe = 1\n");
 	int before = count_events("LIBSDB_KEEL_RETRY_STATUS");
 	/* The retries lower the data limit: only in a child of our own. */
