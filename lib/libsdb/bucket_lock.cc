@@ -46,31 +46,42 @@ std::atomic_ref<uint32_t> owner_word(uint64_t sid)
 }
 
 /*
- * The slow path of the wait, from the 500th failed attempt on.  Returns
- * false when the waiter should retry at once.
+ * The slow path of the wait, from the 500th failed attempt on: every 2
+ * seconds ask whether the owner lives, and take the bucket from a dead
+ * one.  An owner that keeps the bucket for 60 seconds is hung: it is
+ * killed and then treated like any dead owner, so the waiter lives on.
+ * Only an owner that survives its kill for another 60 seconds stops the
+ * process.  The minute is counted per owner: a bucket that changes hands
+ * is busy, not hung.
  */
 struct slow_wait {
-	uint64_t first_us = 0;
+	uint32_t watched = 0;
+	uint64_t since_us = 0;
 	uint64_t next_check_us = 0;
+	bool killed = false;
 
 	void tick(std::atomic_ref<uint32_t> owner, sdb_lts_header *h)
 	{
 		uint64_t now = sdb_now_usecs();
-		if (first_us == 0) {
-			first_us = now;
-			next_check_us = now + check_interval();
-			return;
-		}
-		if (now - first_us >= hang_limit()) {
-			uint32_t pid = owner.load();
+		uint32_t pid = owner.load();
+		if (since_us == 0 || pid != watched) {
+			if (since_us == 0)
+				next_check_us = now + check_interval();
+			watched = pid;
+			since_us = now;
+			killed = false;
+		} else if (pid != 0 && now - since_us >= hang_limit()) {
+			if (killed)
+				sdb_lts_assert_fail("bucket owner survived its kill",
+				    __FILE__, __LINE__);
 			sdb_kill_lock_holder("lts", pid);
-			sdb_lts_assert_fail("bucket lock held for 60 seconds",
-			    __FILE__, __LINE__);
+			killed = true;
+			since_us = now;
+			next_check_us = now;
 		}
 		if (now < next_check_us)
 			return;
 		next_check_us = now + check_interval();
-		uint32_t pid = owner.load();
 		if (pid == 0 || sdb_pid_alive(pid))
 			return;
 		sdb_count(h->bucket_owner_dead);

@@ -30,9 +30,9 @@ def ipc_ns(tmp_path):
 class Proc:
     """A process of the scenario; its stdout is read line by line."""
 
-    def __init__(self, args, root, ns):
+    def __init__(self, args, env, ns):
         self.p = subprocess.Popen(
-            ["nsenter", f"--ipc={ns}", "--"] + args, env=root.env(),
+            ["nsenter", f"--ipc={ns}", "--"] + args, env=env,
             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         self.fd = self.p.stdout.fileno()
         self.buf = b""
@@ -88,8 +88,9 @@ class Scenario:
         self.ns = ns
         self.procs = []
 
-    def start(self, name, *args):
-        proc = Proc([program(name)] + list(args), self.root, self.ns)
+    def start(self, name, *args, env=None):
+        proc = Proc([program(name)] + list(args),
+                    self.root.env(**(env or {})), self.ns)
         self.procs.append(proc)
         return proc
 
@@ -111,8 +112,8 @@ class Scenario:
             if proc.p.poll() is None:
                 proc.kill()
 
-    def client(self, *args):
-        return self.start("sdbenv-client", *args)
+    def client(self, *args, env=None):
+        return self.start("sdbenv-client", *args, env=env)
 
     def sem(self, what, number):
         return int(self.run("sdbenv-client", what, str(number)).stdout)
@@ -293,3 +294,17 @@ def test_semop_interrupted_by_signals_goes_on_waiting(sc, root):
     m = re.search(r"INFO: SDB acquire lock cnt (\d+)",
                   root.trace("sdbenv-client"))
     assert m and int(m.group(1)) >= 1
+
+
+def test_hung_bucket_holder_is_killed_and_the_waiter_goes_on(sc, root):
+    sc.start_keel()
+    holder = sc.client("hold-bucket", "11")
+    holder.expect("^bucket 0$")
+    holder.expect("^held$")
+    # The minute a hung holder is given, shortened for the waiter only.
+    taker = sc.client("take-bucket", "11",
+                      env={"TOLVAR_TEST_TIMESCALE": 30})
+    taker.expect(r"^bucket 0$", timeout=120)
+    assert int(taker.expect(r"^owner_dead (\d+)$").group(1)) >= 1
+    assert taker.wait() == 0
+    assert holder.wait() != 0
