@@ -303,7 +303,7 @@ extern "C" void *mmf_alloc_common(mmf_t *m, uint32_t *len, uint64_t *offset)
 			return nullptr;
 		}
 		si->common_len = *len;
-		std::atomic_ref<uint64_t>(si->common_offset).store(at);
+		si->common_offset = at;	/* one store: set last */
 	} else if (*len != 0 && *len != si->common_len) {
 		uint64_t at = si->common_offset;
 		if (at > si->current_bytes) {

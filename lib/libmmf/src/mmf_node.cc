@@ -294,7 +294,9 @@ void extend_area(mmf_t *m, uint64_t new_end)
 	std::vector<uint64_t> laid;
 	if (m->allocs_allowed)
 		lay_free_bytes(m, old_end, new_end, &laid);
-	std::atomic_ref<uint64_t>(si->current_bytes).store(new_end);
+	/* One 8-byte store (the field is only 4-aligned, so no atomic_ref):
+	 * a holder killed around it leaves the old or the new size. */
+	si->current_bytes = new_end;
 	for (uint64_t off : laid)
 		list_push(m, off);
 }

@@ -36,7 +36,7 @@ static void shrink_if_empty(mmf_t *m)
 	}
 	for (uint64_t off : beyond)
 		list_remove(m, off);
-	std::atomic_ref<uint64_t>(si->current_bytes).store(def);
+	si->current_bytes = def;
 	m->shrinks_at_check++;
 	if (ftruncate(m->fd, static_cast<off_t>(def)) != 0)
 		return;
