@@ -29,7 +29,7 @@ struct process_lock {
 
 std::atomic<bool> lts_frozen{false};
 std::atomic<uint32_t> lts_frozen_thread{0};
-uint32_t failed_mappings;	/* raised by the long-term store's mapper */
+std::atomic<uint32_t> failed_mappings{0};
 
 constexpr uint32_t clock_after_attempts = 500;
 
@@ -100,6 +100,12 @@ struct slow_wait {
 
 } // namespace
 
+/* After a failed mapping the process is on its way out: no new bucket. */
+void sdb_lts_note_mapping_failure(void)
+{
+	failed_mappings++;
+}
+
 extern "C" void sdb_lts_process_lock(void)
 {
 	uint32_t me = sdb_thread_id();
@@ -145,7 +151,7 @@ extern "C" void sdb_lts_process_unlock(void)
 extern "C" int sdb_sentry_lock_acquire(uint64_t sid)
 {
 	sdb_lts_header *h = sdb_lts_header_ptr();
-	if (failed_mappings != 0 || h == nullptr) {
+	if (failed_mappings.load() != 0 || h == nullptr) {
 		sdb_event(3, "LIBSDB_LOCKING_FAILED_MAPPING_FAILURE",
 		    "LIBSDB_LOCKING_FAILED_MAPPING_FAILURE: %s:%d not locking "
 		    "session %llu due to mapping failure", __func__, __LINE__,

@@ -551,6 +551,19 @@ TEST_F(SdbEnv, ThreadsOfOneProcessTakeTurnsOnTheBuckets)
 		ASSERT_EQ(sdb_lts_bucket_ptr(b)->owner_pid, 0u);
 }
 
+TEST_F(SdbEnv, NoBucketAfterAMappingFailure)
+{
+	open_as_keel();
+	EXPECT_DEATH({
+		sdb_lts_note_mapping_failure();
+		int rc = sdb_sentry_lock_acquire(1);
+		fprintf(stderr, "acquire %d\n", rc);
+		abort();
+	}, "acquire -2");
+	EXPECT_EQ(sdb_sentry_lock_acquire(1), 0);	/* this process is fine */
+	EXPECT_EQ(sdb_sentry_lock_release(1), 0);
+}
+
 TEST(SdbWait, AnUnreapedDeadHolderIsDead)
 {
 	pid_t child = fork();
