@@ -107,7 +107,6 @@ struct mirror_queues {
 	uint32_t	rx_count;
 	uint64_t	rx_bytes;
 	uint8_t		rx_backlogged;	/* reading is off until decode catches up */
-	uint8_t		decoding;	/* the decode loop is running */
 };
 
 extern mirror_queues mirror_q;

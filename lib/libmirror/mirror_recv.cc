@@ -133,7 +133,6 @@ void
 recv_data_flush(bool force)
 {
 	uint64_t gen = mirror_l.generation;
-	mirror_q.decoding = 1;
 	for (int budget = MIRROR_DECODE_LIMIT; force || budget > 0; budget--) {
 		mirror_recvd_data *rd = list_pop();
 		if (rd == nullptr)
@@ -150,7 +149,6 @@ recv_data_flush(bool force)
 		if (gen != mirror_l.generation)
 			break;	/* a callback closed the link: the list is gone */
 	}
-	mirror_q.decoding = 0;
 	if (mirror_q.rx_head == nullptr)
 		decode_job_stop();
 	backlog_check();

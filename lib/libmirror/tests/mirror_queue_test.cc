@@ -928,4 +928,13 @@ TEST(QueuesDeathTest, MisuseStopsTheProcess)
 	stray.node.mdn_data_id = 77;
 	EXPECT_DEATH(mirror_add(&stray.node, 0), "registry");
 	queued.node.mdn_queue_entry = nullptr;
+	/* An item its encoder never fits, even into an empty buffer. */
+	EXPECT_DEATH({
+		peer p;
+		p.open();
+		item *x = new_item(1, "never fits");
+		x->encode_result = 0;
+		mirror_add(&x->node, 0);
+		pump_until([] { return false; }, 10);
+	}, "mirror_tx_buffer_len != 0");
 }
