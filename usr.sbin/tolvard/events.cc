@@ -86,9 +86,10 @@ const tolvard_event_def *tolvard_event_find(tolvard_event_id id)
 	return &events[id];
 }
 
-void tolvard_event(tolvard_event_id id, ...)
+void tolvard_event(int id, ...)
 {
-	const tolvard_event_def *ev = tolvard_event_find(id);
+	const tolvard_event_def *ev =
+	    tolvard_event_find(static_cast<tolvard_event_id>(id));
 	if (ev == nullptr)
 		return;
 	char text[1024];

@@ -45,7 +45,11 @@ struct tolvard_event_def {
 
 const struct tolvard_event_def *tolvard_event_find(enum tolvard_event_id id);
 
-/* Send event id with the values its text asks for. */
-void tolvard_event(enum tolvard_event_id id, ...);
+/*
+ * Send event id with the values its text asks for.  The id is an int, not
+ * the enum, because the last named argument before "..." must not be a
+ * type that undergoes promotion.
+ */
+void tolvard_event(int id, ...);
 
 #endif
