@@ -9,6 +9,7 @@
 #include <platform/process.h>
 
 #include <algorithm>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -62,6 +63,30 @@ TEST_F(KeelRegister, RegistersInOpenOrderAndSendsItsState)
 	EXPECT_EQ(keel_set_poll_mode(h), -25);
 	EXPECT_EQ(keel_set_timeout(h, 5), -25);
 	EXPECT_EQ(keel_set_recovery_pending(h), -25);
+}
+
+TEST_F(KeelRegister, ConnectionCallbacksBracketTheSocket)
+{
+	static std::vector<std::pair<char, int>> seen;
+	seen.clear();
+	ASSERT_EQ(keel_set_conn_callbacks(h, nullptr,
+	    [](void *, int fd) { seen.push_back({'u', fd}); },
+	    [](void *, int fd) {
+		    /* Called before the close: the socket is still ours. */
+		    EXPECT_NE(fcntl(fd, F_GETFD), -1);
+		    seen.push_back({'d', fd});
+	    }), 0);
+	fake_keel k;
+	ASSERT_EQ(keel_register(h), 0);
+	int fd = h->fd;
+	ASSERT_EQ(seen.size(), 1u);
+	EXPECT_EQ(seen[0], std::make_pair('u', fd));
+	keel_close_connection(h, 0, 0);
+	ASSERT_EQ(seen.size(), 2u);
+	EXPECT_EQ(seen[1], std::make_pair('d', fd));
+	/* Owed once only. */
+	keel_close_connection(h, 0, 0);
+	EXPECT_EQ(seen.size(), 2u);
 }
 
 TEST_F(KeelRegister, SettersRefuseNullArguments)
