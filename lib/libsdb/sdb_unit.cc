@@ -34,6 +34,8 @@ constexpr pool_place places[SDB_UNIT_TYPES] = {
 static_assert(SDB_SEG_UNIT_POOL0 % 4 == 0 && SDB_SEG_UNIT_POOL1 % 4 == 0);
 
 sdb_unit_pool *pools[SDB_UNIT_TYPES];
+/* sdb_unit_clear ran in this process since the last rebuild. */
+bool cleared[SDB_UNIT_TYPES];
 
 bool type_ok(int type)
 {
@@ -308,6 +310,7 @@ extern "C" int sdb_unit_clear(int type)
 	put(p->tail, 0);
 	for (uint32_t i = 0; i < cap; i++)
 		put(p->link[i], 0);
+	cleared[type] = true;
 	return 0;
 }
 
@@ -327,6 +330,12 @@ extern "C" int sdb_unit_recover(uint32_t number, int type)
 /*
  * Every word that is not SDB_UNIT_END is free: link them in ascending
  * order.  The available count is left as it stands.
+ *
+ * A rebuild that finds the tables whole runs this on the live pool,
+ * without a clear.  There the tail is free although its word reads
+ * SDB_UNIT_END; taking the word alone would drop it from the pool at
+ * every such start.  After a clear the words are all there is: the tail
+ * index then means nothing and may be a unit in use.
  */
 extern "C" int sdb_unit_recovered(int type)
 {
@@ -334,9 +343,11 @@ extern "C" int sdb_unit_recovered(int type)
 	if (p == nullptr)
 		return SDB_UNIT_ERR_POOL;
 	uint32_t cap = capacity(type, p);
+	uint32_t live_tail = cleared[type] ? SDB_UNIT_END : true_tail(p, cap);
+	cleared[type] = false;
 	uint32_t head = SDB_UNIT_END, prev = SDB_UNIT_END;
 	for (uint32_t i = 0; i < cap; i++) {
-		if (get(p->link[i]) == SDB_UNIT_END)
+		if (get(p->link[i]) == SDB_UNIT_END && i != live_tail)
 			continue;
 		put(p->link[i], SDB_UNIT_END);
 		if (head == SDB_UNIT_END)

@@ -364,6 +364,27 @@ TEST(UnitPool, RecoveryReusesNumbersInAscendingOrder)
 	EXPECT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), SDB_UNIT_ERR_EMPTY);
 }
 
+TEST(UnitPool, RebuildOverALivePoolKeepsEveryFreeUnit)
+{
+	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 6);
+	allocate_all(SDB_UNIT_UID);
+	for (uint32_t u : {1004u, 1001u, 1003u})
+		ASSERT_EQ(sdb_unit_release(u, SDB_UNIT_UID), 0);
+	ASSERT_EQ(p->tail, 3u);
+	/* The tables were whole: no clear, no marks. */
+	ASSERT_EQ(sdb_unit_recovered(SDB_UNIT_UID), 0);
+	EXPECT_EQ(allocate_all(SDB_UNIT_UID),
+	    (std::vector<uint32_t>{1001, 1003, 1004}));
+	/* After a clear, a marked unit 0 is in use even though the cleared
+	 * pool's tail word names it. */
+	fresh_pool(SDB_UNIT_UID, 3);
+	sdb_unit_clear(SDB_UNIT_UID);
+	sdb_unit_recover(1000, SDB_UNIT_UID);
+	sdb_unit_recovered(SDB_UNIT_UID);
+	EXPECT_EQ(allocate_all(SDB_UNIT_UID),
+	    (std::vector<uint32_t>{1001, 1002}));
+}
+
 TEST(UnitPool, ATailLeftBehindByADeadReleaserIsFollowed)
 {
 	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 6);
