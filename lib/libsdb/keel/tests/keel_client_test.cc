@@ -89,6 +89,23 @@ TEST_F(KeelRegister, ConnectionCallbacksBracketTheSocket)
 	EXPECT_EQ(seen.size(), 2u);
 }
 
+TEST_F(KeelRegister, ResetForgetsWithoutAWord)
+{
+	fake_keel k;
+	ASSERT_EQ(keel_register(h), 0);
+	keel_reset();
+	EXPECT_EQ(h->fd, -1);
+	EXPECT_FALSE(h->user_reg);
+	EXPECT_FALSE(keel_is_registered());
+	/* keel heard no unregistration, and a new handle may be made. */
+	usleep(50000);
+	EXPECT_EQ(k.registrations().size(), 1u);
+	keel_handle *old = h;
+	h = keel_init_handle();
+	ASSERT_NE(h, nullptr);
+	free(old);
+}
+
 TEST_F(KeelRegister, SettersRefuseNullArguments)
 {
 	EXPECT_EQ(keel_set_event_context(h, nullptr), -25);
