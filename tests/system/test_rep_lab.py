@@ -158,3 +158,18 @@ def test_a_session_id_sent_to_the_master_is_refused():
         assert lab.generate(1) == [mine + 1]
     finally:
         stop(lab)
+
+
+def test_ids_made_while_a_tolvard_is_dead_arrive_after_its_restart(lab):
+    lab.wait_linked()
+    for engine in ("re0", "re1"):
+        ups = (lab.link_ups("re0"), lab.link_ups("re1"))
+        lab("kill", engine, "tolvard")
+        # keel goes on serving clients while tolvard is away.
+        assert wait_for(lambda: lab("exec", "re0", "sdbctl", "id", "generate",
+                                    5, check=False).returncode == 0,
+                        timeout=GENEROUS, interval=0.1)
+        last = lab.id("re0")
+        lab.wait_linked(ups)
+        assert wait_for(lambda: lab.id("re1") == last, timeout=GENEROUS), \
+            (engine, lab.trace("re1"))
