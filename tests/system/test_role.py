@@ -314,7 +314,8 @@ def test_master_becomes_standby_by_restart(lab):
     trace = lab.trace("re0")
     # A role change reads no configuration on that signal.
     switch = trace.index("Switching from Master to Standby")
-    assert "=== Begin reloading configuration ===" not in trace[:switch + 200]
+    end = trace.index("tolvard restarting as standby", switch)
+    assert "=== Begin reloading configuration ===" not in trace[switch:end]
     assert trace.index("Successfully closed SDB", switch) < \
         trace.index("Restarting in", switch)
     lab.wait_link(count=2)
