@@ -127,10 +127,14 @@ def test_standby_catches_up_after_the_link_returns(lab):
     assert wait_for(lambda: "Lost mirroring connection" in lab.trace("re1"),
                     timeout=GENEROUS), lab.trace("re1")
     assert lab.id("re1") == first
+    infos = lab.trace("re0").count("INFO msg recv, new state UP")
     lab("heal")
     lab.wait_linked(ups)
     assert wait_for(lambda: lab.id("re1") == last, timeout=GENEROUS), \
         lab.trace("re1")
+    # The standby, ready again, told the master so.
+    assert wait_for(lambda: lab.trace("re0").count(
+        "INFO msg recv, new state UP") > infos, timeout=GENEROUS)
 
 
 def test_a_session_id_sent_to_the_master_is_refused():
