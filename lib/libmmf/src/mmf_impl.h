@@ -74,6 +74,7 @@ struct mmf {
 	uint32_t want_classes;		/* classes asked for at open */
 	uint32_t want_sizes[MMF_MAX_USER_CLASSES];
 	std::mutex map_mu;		/* region table, between threads */
+	bool registered;
 };
 
 /* Raise a counter in the header and in the handle alike. */
@@ -108,6 +109,18 @@ struct mmf_damage {
 namespace mmf_impl {
 
 pid_t gettid_cached();
+/*
+ * True when pid is alive and has this handle's file mapped.  A pid in the
+ * lock word or the initialiser field that is alive but does not map the
+ * file is a stale word (a reused pid, or damage), never a holder: such a
+ * process must not be waited for, let alone killed.
+ */
+bool holder_alive(mmf_t *m, uint32_t pid);
+/* The handles of this process, so that a lock word holding our own pid
+ * can be told from one left by a dead process that had the same pid. */
+void handle_register(mmf_t *m);
+void handle_unregister(mmf_t *m);
+bool this_process_holds(mmf_t *m);
 uint64_t now_ns();
 /* Long waits, shortened in tests by TOLVAR_TEST_TIMESCALE, in ns. */
 uint64_t scaled_ns(double seconds);

@@ -106,7 +106,7 @@ extern "C" void mmf_lock(mmf_t *m)
 	uint64_t slept = 0;
 	uint64_t clock_start = 0, last_alive_check = 0;
 	uint32_t watched = 0;
-	bool killed = false;
+	bool killed = false, stale_self_seen = false;
 	for (;;) {
 		uint32_t expected = 0;
 		if (lock_word(m).compare_exchange_weak(expected, self))
@@ -123,7 +123,19 @@ extern "C" void mmf_lock(mmf_t *m)
 			if (holder != 0 && (last_alive_check == 0 ||
 			    now - last_alive_check >= scaled_ns(2))) {
 				last_alive_check = now;
-				if (!mmf_pid_alive(static_cast<pid_t>(holder))) {
+				/*
+				 * Our own pid with no handle of ours holding is a
+				 * word left by a dead process of the same pid; it
+				 * must be seen twice, two seconds apart, since a
+				 * thread of ours may be between winning the word
+				 * and recording it.
+				 */
+				bool dead = !holder_alive(m, holder);
+				if (dead && holder == self && !stale_self_seen) {
+					stale_self_seen = true;
+					dead = false;
+				}
+				if (dead) {
 					take_from_dead(m, holder, tid);
 					continue;
 				}

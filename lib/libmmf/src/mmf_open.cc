@@ -249,7 +249,7 @@ bool init_shared_info(mmf_t *m)
 			if (second != last_second) {
 				last_second = second;
 				uint32_t who = si->initializer;
-				if (!mmf_pid_alive(static_cast<pid_t>(who))) {
+				if (!holder_alive(m, who)) {
 					log_event("MMF_INIT_DEAD", __func__,
 					    __LINE__, "%s: initialiser %u died;"
 					    " initialising again", m->name, who);
@@ -267,7 +267,7 @@ bool init_shared_info(mmf_t *m)
 		mmf_lock(m);
 		magic = std::atomic_ref<uint32_t>(si->magic).load();
 		if (magic == MMF_MAGIC_NONE || (magic == MMF_MAGIC_INIT &&
-		    !mmf_pid_alive(static_cast<pid_t>(si->initializer))) ||
+		    !holder_alive(m, si->initializer)) ||
 		    (magic == MMF_MAGIC_INIT &&
 		    si->initializer == static_cast<uint32_t>(mmf_getpid()))) {
 			try {
@@ -355,6 +355,7 @@ void unmap_all(mmf_t *m)
 
 static void release(mmf_t *m)
 {
+	handle_unregister(m);
 	unmap_all(m);
 	if (m->fd >= 0)
 		close(m->fd);
@@ -440,6 +441,7 @@ extern "C" mmf_t *mmf_create(const char *name, uint64_t max_bytes,
 	bool ok = false;
 	m->fd = open(path.c_str(), O_RDWR | O_CLOEXEC, 0600);
 	if (m->fd >= 0) {
+		handle_register(m);
 		flock_bounded(m->fd);
 		ok = open_mapped(m);
 		flock(m->fd, LOCK_UN);
@@ -450,6 +452,7 @@ extern "C" mmf_t *mmf_create(const char *name, uint64_t max_bytes,
 		if (m->fd < 0) {
 			mmf_errno = errno;
 		} else {
+			handle_register(m);
 			flock_bounded(m->fd);
 			ok = open_mapped(m);
 			if (ok) {

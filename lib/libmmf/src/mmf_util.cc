@@ -17,8 +17,12 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <algorithm>
+#include <mutex>
 #include <pthread.h>
+#include <vector>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -134,6 +138,73 @@ std::string resolve(const char *name)
 	if (name[0] == '/')
 		return tolvar::path(name);
 	return name;
+}
+
+namespace {
+std::mutex handles_mu;
+std::vector<mmf_t *> handles;
+
+bool same_file(int a, int b)
+{
+	struct stat sa, sb;
+	return fstat(a, &sa) == 0 && fstat(b, &sb) == 0 &&
+	    sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+} // namespace
+
+void handle_register(mmf_t *m)
+{
+	std::lock_guard<std::mutex> g(handles_mu);
+	handles.push_back(m);
+	m->registered = true;
+}
+
+void handle_unregister(mmf_t *m)
+{
+	if (!m->registered)
+		return;
+	std::lock_guard<std::mutex> g(handles_mu);
+	handles.erase(std::remove(handles.begin(), handles.end(), m),
+	    handles.end());
+	m->registered = false;
+}
+
+bool this_process_holds(mmf_t *m)
+{
+	std::lock_guard<std::mutex> g(handles_mu);
+	for (mmf_t *h : handles)
+		if ((h->locker_cnt.load() > 0 || h->unlock_in_progress_cnt.load() > 0 ||
+		    h->locker_thread.load() != 0) && same_file(h->fd, m->fd))
+			return true;
+	return false;
+}
+
+bool holder_alive(mmf_t *m, uint32_t pid)
+{
+	if (pid == 0 || pid > static_cast<uint32_t>(INT32_MAX) ||
+	    !mmf_pid_alive(static_cast<pid_t>(pid)))
+		return false;
+	if (pid == static_cast<uint32_t>(mmf_getpid()))
+		return this_process_holds(m);
+	struct stat st;
+	if (fstat(m->fd, &st) != 0)
+		return true;
+	char path[64];
+	snprintf(path, sizeof(path), "/proc/%u/maps", pid);
+	FILE *f = fopen(path, "r");
+	if (f == nullptr)
+		return errno != ENOENT && errno != ESRCH;
+	char line[512];
+	bool maps = false;
+	while (!maps && fgets(line, sizeof(line), f) != nullptr) {
+		unsigned maj, min;
+		unsigned long long ino;
+		if (sscanf(line, "%*s %*s %*s %x:%x %llu", &maj, &min, &ino) == 3)
+			maps = ino == st.st_ino && maj == major(st.st_dev) &&
+			    min == minor(st.st_dev);
+	}
+	fclose(f);
+	return maps;
 }
 
 } // namespace mmf_impl

@@ -510,6 +510,46 @@ TEST(MmfDeadHolder, TakeoverRepairsAHalfDoneMerge)
 	mmf_delete(m);
 }
 
+/* A lock word naming a live process that does not map the file (a reused
+ * pid, or damage) is stale: it is taken over, and nobody is killed. */
+TEST(MmfDeadHolder, LiveStrangerInTheLockWordIsNotAHolder)
+{
+	std::string name = store_name("stranger");
+	mmf_t *m = open_whole(name);
+	pid_t stranger = fork();
+	if (stranger == 0) {
+		execlp("sleep", "sleep", "60", static_cast<char *>(nullptr));
+		_exit(127);
+	}
+	/* Wait until exec has dropped the mappings inherited by fork. */
+	char exe[64], target[256] = "";
+	snprintf(exe, sizeof(exe), "/proc/%d/exe", stranger);
+	for (int i = 0; i < 1000; i++) {
+		ssize_t n = readlink(exe, target, sizeof(target) - 1);
+		target[n > 0 ? n : 0] = '\0';
+		if (strstr(target, "sleep") != nullptr)
+			break;
+		usleep(10000);
+	}
+	uint32_t word = static_cast<uint32_t>(stranger);
+	write_at(name, 0, &word, 4);
+	mmf_lock(m);
+	mmf_unlock(m);
+	EXPECT_EQ(mmf_get_shared_info(m)->dead_holder_takeovers, 1u);
+	EXPECT_TRUE(mmf_pid_alive(stranger));
+	kill(stranger, SIGKILL);
+	waitpid(stranger, nullptr, 0);
+
+	/* Our own pid, left by a dead process that had it before us: no
+	 * handle of ours holds the lock, so it is stale too. */
+	word = static_cast<uint32_t>(getpid());
+	write_at(name, 0, &word, 4);
+	mmf_lock(m);
+	mmf_unlock(m);
+	EXPECT_EQ(mmf_get_shared_info(m)->dead_holder_takeovers, 2u);
+	mmf_delete(m);
+}
+
 TEST(MmfLock, RecursivePerThreadAndCounted)
 {
 	std::string name = store_name("recursive");
