@@ -128,28 +128,26 @@ bool conn_steps::wait_for_standby(std::span<const uint8_t> msg)
 	static const uint8_t barrier[8] = {};
 	struct tolvard_entry *entry = tolvard_rep_send(barrier, sizeof(barrier),
 	    TOLVARD_MSG_BARRIER, 1);
-	if (entry == nullptr || conn->dead ||
-	    (entry->conn != nullptr && entry->conn != conn)) {
+	if (entry == nullptr || conn->dead || entry->conn != nullptr) {
 		/*
 		 * No entry, or the connection ended during the send, or an
-		 * entry already bound to another client (which the channel
-		 * never hands out): nothing to wait on, answer now.
+		 * entry still bound to an earlier barrier (the channel keeps
+		 * an entry until its acknowledgement, so this does not
+		 * happen): nothing of our own to wait on, answer now rather
+		 * than ride on an acknowledgement of older data.
 		 */
 		if (entry == nullptr)
 			tolvard_trace(TRACE_SERVER, "Server, failed to request ACK");
 		free(copy);
 		return !conn->dead && tolvard_conn_send_ack(conn, msg);
 	}
-	if (entry->conn == nullptr) {
-		/*
-		 * acks is empty whenever conn is clear (release and terminate
-		 * both empty it before they clear conn); a fresh entry from
-		 * the pool is only zeroed, so make the head valid here.
-		 */
-		TAILQ_INIT(&entry->acks);
-		TAILQ_INSERT_TAIL(&conn->waiting, entry, wait_links);
-		entry->conn = conn;
-	}
+	/*
+	 * acks is empty whenever conn is clear: release and terminate both
+	 * empty it before they clear conn.
+	 */
+	TAILQ_INIT(&entry->acks);
+	TAILQ_INSERT_TAIL(&conn->waiting, entry, wait_links);
+	entry->conn = conn;
 	tolvard_trace(TRACE_SERVER, "Server, waiting for ACK");
 	TAILQ_INSERT_TAIL(&entry->acks, copy, links);
 	return true;
