@@ -637,3 +637,23 @@ def test_barriers_beyond_the_entry_limit_are_answered_at_once(lab):
     assert sorted(got) == sorted(extra)
     assert "Max messages hit" in lab.trace("re0")
     lab.assert_standby_caught_up()
+
+
+def test_standby_that_started_without_role_follows_once_it_has_one(lab):
+    lab = lab()
+    set_role(lab, "re1", "none")
+    pid = lab.pid("re1")
+    lab.run("kill", "re1", "tolvard")
+    assert wait_for(lambda: lab.pid("re1") not in (None, pid))
+    lab.wait_trace("re1", "Init: We are neither Master nor StandBy")
+    lab.wait_trace("re1", "We are neither Master nor Standby")
+    first = lab.generate("re0", 3)
+    set_role(lab, "re1", "standby")
+    lab.signal("re1", signal.SIGHUP)
+    lab.wait_trace("re1", "Switching from None to Standby")
+    lab.wait_link(count=2)
+    lab.assert_standby_caught_up()
+    # Now a switchover hands out nothing the old master already gave.
+    lab.run("switchover")
+    lab.wait_trace("re1", "Switching from Standby to Master")
+    assert min(lab.generate("re1", 3)) > max(first)

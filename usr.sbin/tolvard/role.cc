@@ -114,6 +114,21 @@ const char *lower_role_name(uint32_t role)
 	TOLVARD_EXIT(1);
 }
 
+/*
+ * None to standby.  A daemon that started without a role opened no
+ * database and set up no link.  Left so, the standby's id word would
+ * never follow the master, and a later switchover would hand out the
+ * master's ids a second time.  Do what a start as standby does; on a
+ * daemon that already has both, each step returns at once.
+ */
+void become_standby(void)
+{
+	if (tolvard_state.keel_handle == nullptr)
+		tolvard_open();
+	if (!tolvard_state.mirror_inited)
+		tolvard_mirror_init();
+}
+
 void start_replication_traced(void)
 {
 	int rc = tolvard_rep_start();
@@ -202,6 +217,8 @@ int tolvard_mirror_mastership_change(void)
 		tolvard_trace(TRACE_MIRROR, "Switching from %s to %s",
 		    tolvard_role_name(from), tolvard_role_name(to));
 		tolvard_state.role = to;
+		if (from == role_none)
+			become_standby();
 	}
 	return 1;
 }

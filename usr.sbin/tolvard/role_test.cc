@@ -235,19 +235,32 @@ TEST_F(Role, SameRoleIsNoChange)
 	EXPECT_FALSE(saw("Mastership change"));
 }
 
-TEST_F(Role, StandbyAndNoneOnlyNoteTheRole)
+TEST_F(Role, StandbyToNoneOnlyNotesTheRole)
 {
 	tolvard_state.role = role_standby;
 	platform("none");
 	EXPECT_EQ(tolvard_mirror_mastership_change(), 1);
 	EXPECT_EQ(tolvard_state.role, static_cast<uint32_t>(role_none));
 	EXPECT_TRUE(saw("Switching from Standby to None"));
+	EXPECT_EQ(tolvard_state.db_up, 1);
+	EXPECT_FALSE(otimer_is_running(tolvard_state.restart_timer));
+}
+
+TEST_F(Role, NoneToStandbyOpensWhatAStartWouldOpen)
+{
+	/* There is no keel here: the open fails and is retried later. */
+	tolvard_state.role = role_none;
+	tolvard_state.mirror_inited = 0;
 	platform("standby");
 	EXPECT_EQ(tolvard_mirror_mastership_change(), 1);
 	EXPECT_EQ(tolvard_state.role, static_cast<uint32_t>(role_standby));
 	EXPECT_TRUE(saw("Switching from None to Standby"));
-	EXPECT_EQ(tolvard_state.db_up, 1);
+	EXPECT_TRUE(saw("Failed to init SDB"));
+	EXPECT_TRUE(otimer_is_running(tolvard_state.db_retry_timer));
+	EXPECT_TRUE(saw("No Mirroring Init, Graceful Switchover not configured"));
 	EXPECT_FALSE(otimer_is_running(tolvard_state.restart_timer));
+	otimer_stop(tolvard_state.db_retry_timer);
+	tolvard_state.db_attempts = 0;
 }
 
 TEST_F(Role, MasterToStandbyClosesAndArmsTheRestart)
