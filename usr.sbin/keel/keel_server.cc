@@ -217,7 +217,7 @@ on_readable(evContext, void *uap, int, int)
 		if (c->have != 0)
 			reject(c, "connection ended inside a message");
 		else {
-			if (c->registered && !c->unregistered && !c->leaving)
+			if (keel_server_is_death(c))
 				release_dead_client(c);
 			keel_server_drop(c);
 		}
@@ -252,6 +252,21 @@ keel_server_log(int priority, const char *fmt, ...)
 	va_start(ap, fmt);
 	srv.log(srv.log_ctx, priority, fmt, ap);
 	va_end(ap);
+}
+
+bool
+keel_server_is_death(const keel_conn *c)
+{
+	if (!c->registered || c->unregistered || c->leaving)
+		return false;
+	/*
+	 * The same process registered again on a newer connection before
+	 * this one's end reached us: it is alive, and what it holds is its.
+	 */
+	for (const keel_conn *o = srv.conns; o != nullptr; o = o->next)
+		if (o != c && o->registered && o->pid == c->pid)
+			return false;
+	return true;
 }
 
 const char *

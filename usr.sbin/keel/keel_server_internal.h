@@ -49,6 +49,9 @@ void	keel_server_log(int priority, const char *fmt, ...)
 const char *keel_server_check(const uint8_t *msg, size_t len,
     bool registered);
 
+/* The end of this connection means its process died. */
+bool	keel_server_is_death(const keel_conn *c);
+
 /* Take bytes that came from a client (read or, in the fuzz target,
  * handed over); false when the connection had to be closed. */
 bool	keel_server_feed(keel_conn *c, const uint8_t *data, size_t len);

@@ -165,6 +165,36 @@ TEST_F(KeelServer, BadBytesCloseOnlyThisConnection)
 	EXPECT_EQ(keel_server_clients(), nullptr);
 }
 
+TEST_F(KeelServer, OldConnectionOfAReregisteredClientIsNoDeath)
+{
+	keel_msg_register m = registration(KEEL_REG_REGISTER);
+	keel_msg_answer a;
+	ASSERT_TRUE(feed(&m, sizeof(m)));
+	ASSERT_TRUE(answer(&a));
+
+	/* The same process on a second connection. */
+	int sv2[2];
+	ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv2), 0);
+	keel_conn *c2 = keel_server_adopt(sv2[0]);
+	EXPECT_TRUE(keel_server_is_death(c));
+	ASSERT_TRUE(keel_server_feed(c2, reinterpret_cast<uint8_t *>(&m),
+	    sizeof(m)));
+	EXPECT_EQ(keel_server_client_count(), 2);
+	EXPECT_FALSE(keel_server_is_death(c));
+	EXPECT_FALSE(keel_server_is_death(c2));
+	close(sv2[1]);
+
+	/* Said goodbye, or told to go: not a death either. */
+	keel_server_drop(c2);
+	EXPECT_TRUE(keel_server_is_death(c));
+	c->leaving = true;
+	EXPECT_FALSE(keel_server_is_death(c));
+	c->leaving = false;
+	keel_msg_register bye = registration(0);
+	ASSERT_TRUE(feed(&bye, sizeof(bye)));
+	EXPECT_FALSE(keel_server_is_death(c));
+}
+
 TEST(KeelServerCheck, WhatAMessageMustBe)
 {
 	keel_msg_register m = registration(KEEL_REG_REGISTER);
