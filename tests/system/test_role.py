@@ -556,6 +556,8 @@ def test_master_to_none_waits_for_reboot_then_fails(lab):
     assert wait_for(lambda: "tolvard exited with status 1"
                     in lab.supervisor_log("re0"))
     lab.wait_trace("re0", "Init: We are neither Master nor StandBy")
+    # Its signal handlers are in place once it has tried the link.
+    lab.wait_trace("re0", "We are neither Master nor Standby")
     # Master again: the restarted daemon takes the role in place.
     set_role(lab, "re0", "master")
     lab.signal("re0", signal.SIGHUP)
