@@ -8,6 +8,7 @@
  * one starts from a fresh connection.  After every test, every item that
  * the library locked must be unlocked exactly as often.
  */
+#include "mirror_direct.h"
 #include "mirror_host.h"
 #include "mirror_internal.h"
 #include "mirror_queue.h"
@@ -882,6 +883,35 @@ TEST_F(Queues, StrayResyncRequestsAreIgnored)
 	pump_turns(10);
 	p.poll();
 	EXPECT_TRUE(p.of_class(0).empty());
+}
+
+TEST_F(Queues, ResyncRequestWithoutRoomGoesOutWhenTheBufferDrains)
+{
+	peer p;
+	p.open();
+	ASSERT_TRUE(p.wait([&] { return p.got.resync_reqs.size() == 1; }));
+	/* The peer stops reading; records fill the socket, then the buffer,
+	 * to its last byte. */
+	p.reading = false;
+	std::vector<uint8_t> rec(996, 'r');
+	int rc;
+	while ((rc = mirror_direct_send(2, MIRROR_OP_ADD, rec.data(), 996)) == 0)
+		;
+	ASSERT_EQ(rc, EAGAIN);
+	for (;;) {
+		uint32_t room = mirror_l.effective_tx - mirror_l.tx_len;
+		if (room < 20)
+			break;
+		ASSERT_EQ(mirror_direct_send(2, MIRROR_OP_ADD, rec.data(),
+		    std::min<uint32_t>(room - 20, 996)), 0);
+	}
+	ASSERT_LT(mirror_l.effective_tx - mirror_l.tx_len, 12u);
+	EXPECT_EQ(mirror_request_db_resync(2), EAGAIN);
+	/* Nothing is lost: the request leaves once the peer reads again. */
+	p.reading = true;
+	ASSERT_TRUE(p.wait([&] { return p.got.resync_reqs.size() == 2; }));
+	EXPECT_EQ(p.got.resync_reqs[1], 2);
+	EXPECT_TRUE(mirror_connected());
 }
 
 /* Runs last of the link tests: class 3 stays registered afterwards. */
