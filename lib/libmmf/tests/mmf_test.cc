@@ -619,6 +619,26 @@ TEST(MmfLock, ThreadsOfOneProcessShareAHandle)
 	mmf_delete(m);
 }
 
+TEST(MmfShow, ListsFreeNodesByClassAndAllNodes)
+{
+	std::string name = store_name("show");
+	mmf_t *m = open_whole(name, 64 << 10);
+	uint64_t a, b;
+	mmf_alloc(m, 100, &a);
+	mmf_alloc(m, 100, &b);
+	mmf_free_offset(m, a);
+	testing::internal::CaptureStdout();
+	mmf_show("store", m);
+	std::string out = testing::internal::GetCapturedStdout();
+	EXPECT_EQ(out.rfind("store\n", 0), 0u);
+	EXPECT_NE(out.find(" free i 0 (  180): c         1 b       180\n"),
+	    std::string::npos) << out;
+	EXPECT_NE(out.find("============= showing all nodes\n"), std::string::npos);
+	EXPECT_NE(out.find("total bytes = 65536\n"), std::string::npos);
+	EXPECT_EQ(out.find("!= current bytes"), std::string::npos);
+	mmf_delete(m);
+}
+
 TEST(MmfUtil, PidLivenessAndMemoryDivisor)
 {
 	EXPECT_TRUE(mmf_pid_alive(getpid()));

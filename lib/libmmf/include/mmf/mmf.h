@@ -43,6 +43,12 @@ extern int mmf_fatal_code;
 /* For crash tests: called halfway through initialising a store. */
 extern void (*mmf_init_test_hook)(void);
 
+/*
+ * Open the store, making it when the file is missing.  NULL on failure,
+ * with the reason in mmf_errno: EUCLEAN for a file that is damaged or not
+ * a heap (left untouched, with an MMF_CORRUPT event), otherwise the errno
+ * of the failed call.  Bad geometry is a programming error and stops.
+ */
 mmf_t *mmf_create(const char *name, uint64_t max_bytes, uint64_t default_bytes,
     uint64_t grow_by_bytes, bool whole_mapped, uint64_t region_map_bytes,
     uint32_t max_mapped_regions, uint8_t num_alloc_sizes,
@@ -51,6 +57,13 @@ void mmf_close(mmf_t *mmf);
 void mmf_delete(mmf_t *mmf);
 int mmf_unlink(const char *name);
 
+/*
+ * Pointers into the store are valid until the next call on the handle
+ * that may map (any of the calls below, from any thread): keep offsets,
+ * and re-obtain pointers.  Damage met by a call marks the handle corrupt
+ * (an MMF_CORRUPT event and a corrupt meminfo row); from then on mmf_alloc
+ * gives NULL and mmf_free_offset does nothing.
+ */
 void *mmf_alloc(mmf_t *mmf, uint32_t bytes, uint64_t *offset);
 void mmf_free_offset(mmf_t *mmf, uint64_t offset);
 void *mmf_ensure_mapped(mmf_t *mmf, uint64_t offset, uint32_t len);
