@@ -67,7 +67,7 @@ def closed_by_peer(sock, timeout=20):
 class Lab:
     """Two engines; re0 starts as master, re1 as standby."""
 
-    def __init__(self, timescale):
+    def __init__(self, timescale, extra_env=None):
         if os.geteuid() != 0:
             pytest.skip("the lab needs root")
         for p in ("keel", "tolvard", "sdbctl"):
@@ -81,7 +81,8 @@ class Lab:
                         TOLVAR_LAB_NAME=f"tr{os.getpid() % 1000}x{n}",
                         TOLVAR_LAB_SUBNET=f"10.{100 + os.getpid() % 100}.{n % 250}",
                         TOLVAR_LAB_RESTART_DELAY="0.1",
-                        TOLVAR_TEST_TIMESCALE=str(timescale))
+                        TOLVAR_TEST_TIMESCALE=str(timescale),
+                        **(extra_env or {}))
         self.stopped = []
 
     def run(self, *args, check=True, timeout=60):
@@ -211,8 +212,8 @@ class Lab:
 def lab():
     labs = []
 
-    def make(timescale=100):
-        lab = Lab(timescale)
+    def make(timescale=100, extra_env=None):
+        lab = Lab(timescale, extra_env)
         labs.append(lab)
         lab.up()
         return lab
@@ -659,3 +660,42 @@ def test_standby_that_started_without_role_follows_once_it_has_one(lab):
     lab.run("switchover")
     lab.wait_trace("re1", "Switching from Standby to Master")
     assert min(lab.generate("re1", 3)) > max(first)
+
+
+def keel_control(lab, e, command):
+    """One command on keel's test control socket; its output lines."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+        s.settimeout(20)
+        s.connect(str(lab.root(e) / "var/run/keel_test_control"))
+        s.sendall(command.encode() + b"\n")
+        data = b""
+        while chunk := s.recv(4096):
+            data += chunk
+    lines = data.decode().splitlines()
+    assert lines and lines[-1] == "ok", (command, lines)
+    return lines[:-1]
+
+
+def test_issu_waits_for_replication_and_goes_on_when_ready(lab):
+    lab = lab(extra_env={"TOLVAR_KEEL_TEST_CONTROL": "1"})
+    # In step: the prepare is answered at once, without a reason.
+    keel_control(lab, "re0", "issu 1")
+    lab.wait_trace("re0", "Send ISSU message <READY>")
+    assert "Waiting for repository sync" not in lab.trace("re0")
+    keel_control(lab, "re0", "issu 0")
+
+    # The standby goes away: the next step asks for the long wait ...
+    sup = lab.supervisor("re1")
+    lab.freeze(sup)
+    lab.signal("re1", signal.SIGKILL)
+    lab.wait_trace("re0", LINK_LOST)
+    keel_control(lab, "re0", "issu 1")
+    lab.wait_trace("re0", "Send ISSU message <PREPARE>, wait=1800 "
+                   "errstr=\"Waiting for repository sync\"")
+    assert lab.count("re0", "Send ISSU message <READY>") == 1
+    # ... which ends the moment the standby is back and in step.
+    lab.thaw(sup)
+    lab.wait_trace("re0", "Send ISSU message <READY>", 2)
+    trace = lab.trace("re0")
+    assert trace.rindex(LINK_UP) < trace.rindex("Send ISSU message <READY>")
+    lab.assert_standby_caught_up()
