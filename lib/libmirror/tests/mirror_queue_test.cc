@@ -27,6 +27,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -224,8 +225,13 @@ class QueueEnv : public ::testing::Environment {
 public:
 	void SetUp() override
 	{
+		/* A death test's child runs this again: it shares the root. */
+		const char *inherited = getenv("TOLVAR_ROOT");
 		char tmpl[] = "/tmp/mirror-queue-test.XXXXXX";
-		root = mkdtemp(tmpl);
+		if (inherited != nullptr && strstr(inherited, "/mirror-queue-test.") != nullptr)
+			root = inherited;
+		else
+			root = mkdtemp(tmpl);
 		setenv("TOLVAR_ROOT", root.c_str(), 1);
 		setenv("TOLVAR_TEST_TIMESCALE", "20", 1);
 		tolvar_mkdirs((root + "/etc/tolvar").c_str(), 0755);
@@ -260,6 +266,12 @@ public:
 		session_class.mirror_data_eod_func = session_eod;
 		ASSERT_EQ(mirror_register_data(&session_class), 0);
 		ASSERT_EQ(mirror_start(), 0);
+	}
+
+	void TearDown() override
+	{
+		mirror_terminate(nullptr);
+		std::filesystem::remove_all(root);
 	}
 };
 
