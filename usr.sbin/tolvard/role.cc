@@ -355,6 +355,16 @@ int tolvard_rep_start(void)
 		tolvard_event(TOLVARD_MIRROR_CONN_DOWN);
 		return -1;
 	}
+	/*
+	 * A process waiting to restart has closed its database.  Saying
+	 * "ready" now would let the master, and an ISSU step behind it, count
+	 * on a standby that can store nothing; the new process will start
+	 * replication itself.
+	 */
+	if (otimer_is_running(tolvard_state.restart_timer)) {
+		tolvard_trace(TRACE_DB, "Cannot start replication, restart pending");
+		return -1;
+	}
 	if (tolvard_state.role == role_master) {
 		/*
 		 * session_id_sent may be older than the database: it was

@@ -158,6 +158,22 @@ TEST_F(Role, ReplicationStartRefusesWithReasonAndEvent)
 	    "replication, mirroring down"), std::string::npos);
 }
 
+TEST_F(Role, NoReadinessWhileARestartIsPending)
+{
+	tolvard_state.role = role_standby;
+	tolvard_state.gres_enabled = 1;
+	tolvard_state.gres_configured = 0;
+	tolvard_gres_sync();
+	ASSERT_TRUE(otimer_is_running(tolvard_state.restart_timer));
+	/* Switched back on, and the link comes: still not ready. */
+	tolvard_state.gres_configured = 1;
+	tolvard_gres_sync();
+	tolvard_mirror_state_change(1);
+	EXPECT_EQ(tolvard_state.rep_ready, 0);
+	EXPECT_TRUE(saw("Cannot start replication, restart pending"));
+	tolvard_poll_stop();
+}
+
 TEST_F(Role, StopWithoutDatabaseSaysSo)
 {
 	tolvard_state.db_env = nullptr;
