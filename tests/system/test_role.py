@@ -428,6 +428,7 @@ class LoneDaemon:
     """A tolvard without keel or peer: every barrier is answered at once."""
 
     def __init__(self):
+        tolvard = program("tolvard")
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="trd", dir="/tmp"))
         for d in ("etc/tolvar", "var/run", "var/log", "var/tmp", "var/db",
                   "mfs/var/tmp"):
@@ -436,7 +437,7 @@ class LoneDaemon:
         (self.dir / "etc/tolvar/platform").write_text("role = master\n")
         env = dict(os.environ, TOLVAR_ROOT=str(self.dir))
         self.proc = subprocess.Popen(
-            ["unshare", "--ipc", "--", program("tolvard"), "-N"], env=env,
+            ["unshare", "--ipc", "--", tolvard, "-N"], env=env,
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
             stderr=subprocess.DEVNULL)
         self.path = self.dir / "var/run/tolvard_server_communication"
