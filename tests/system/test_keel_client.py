@@ -1,10 +1,7 @@
 """tolvard against keel, as real processes.
 
-Each scenario has its own root directory and its own IPC namespace (the
-main segment and the semaphores live under fixed System V keys): the
-namespace is kept in a file made by "unshare --ipc=FILE", and every
-process of the scenario enters it with nsenter.  keel runs with its test
-control socket (TOLVAR_KEEL_TEST_CONTROL=1) so that a test can make it
+Each scenario has its own root directory and its own IPC namespace.
+keel runs with its test control socket (TOLVAR_KEEL_TEST_CONTROL=1) so that a test can make it
 refuse, stay silent, hang up or send bad bytes.
 
 Nothing here measures time: retries are checked by the order and the
@@ -19,15 +16,14 @@ import shutil
 import signal
 import socket
 import struct
-import subprocess
 import tempfile
 import time
 
 import pytest
 
-from conftest import Root, program, wait_for
+from conftest import Root, wait_for
+from ipc_scenario import GENEROUS, IpcScenario, ipc_ns  # noqa: F401
 
-GENEROUS = 60.0
 SCALE = 20
 REG = struct.Struct("=I64sIBB2sII" + "III128s")
 ANSWER = struct.Struct("=IIiII")
@@ -44,46 +40,13 @@ def root():
     shutil.rmtree(path, ignore_errors=True)
 
 
-@pytest.fixture
-def ipc_ns(root):
-    ns = root.path.parent / "ipc"
-    ns.touch()
-    subprocess.run(["unshare", f"--ipc={ns}", "true"], check=True)
-    yield str(ns)
-    subprocess.run(["umount", str(ns)], check=False)
-
-
-class Scenario:
-    def __init__(self, root, ns):
-        self.root = root
-        self.ns = ns
-        self.procs = []
-        self.keel = None
-        self.tolvard = None
-
-    def spawn(self, name, *args, **env):
-        p = subprocess.Popen(
-            ["nsenter", f"--ipc={self.ns}", "--", program(name), *args],
-            env=self.root.env(**env), stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.procs.append(p)
-        return p
-
+class Scenario(IpcScenario):
     def start_keel(self):
-        before = self.keel_trace().count("keel started")
-        self.keel = self.spawn("keel", "-N", TOLVAR_KEEL_TEST_CONTROL=1)
-        assert wait_for(lambda: self.keel_trace().count("keel started") >
-                        before, timeout=GENEROUS), self.keel_trace()
-        return self.keel
+        return super().start_keel(TOLVAR_KEEL_TEST_CONTROL=1)
 
     def start_tolvard(self):
         self.tolvard = self.spawn("tolvard", "-N",
                                   TOLVAR_TEST_TIMESCALE=SCALE)
-        return self.tolvard
-
-    def kill_keel(self):
-        self.keel.send_signal(signal.SIGKILL)
-        self.keel.wait(timeout=GENEROUS)
 
     def control(self, command):
         """One command to keel's test control; its reply lines."""
@@ -91,14 +54,8 @@ class Scenario:
         s.settimeout(GENEROUS)
         s.connect(str(self.root.file("/var/run/keel_test_control")))
         s.sendall(command.encode() + b"\n")
-        data = b""
-        while True:
-            chunk = s.recv(4096)
-            if not chunk:
-                break
-            data += chunk
+        lines = s.makefile().read().splitlines()
         s.close()
-        lines = data.decode().splitlines()
         assert lines and lines[-1] == "ok", (command, lines)
         return lines[:-1]
 
@@ -118,12 +75,6 @@ class Scenario:
         assert wait_for(lambda: any(
             line.startswith("tolvard ") for line in self.control("clients")),
             timeout=GENEROUS)
-
-    def close(self):
-        for p in self.procs:
-            if p.poll() is None:
-                p.send_signal(signal.SIGKILL)
-            p.wait(timeout=GENEROUS)
 
 
 @pytest.fixture
@@ -204,20 +155,9 @@ def test_no_session_database_leaves_no_retry(sc):
     sc.control("status normal")
     time.sleep(1.0)
     t = sc.trace()
-    assert attempts(t) == [(0, -17)]
-    assert retry_delays(t) == []
+    assert attempts(t) == [(0, -17)] and retry_delays(t) == []
     assert "Database Environment changed" not in t
     assert sc.tolvard.poll() is None
-
-
-def test_platform_without_session_database(sc):
-    sc.root.write_platform(role="master", session_db=0)
-    # keel itself cannot open a database that the platform does not have;
-    # a client that asks it anyway gets -17 (see the raw client test).
-    sc.start_tolvard()
-    sc.wait_trace("will not retry")
-    assert attempts(sc.trace()) == [(0, -17)]
-    assert "KEEL not supported on this platform" in sc.trace()
 
 
 def test_silent_keel_times_out_and_is_counted(sc):
@@ -236,7 +176,8 @@ def test_keel_death_and_return(sc):
     sc.start_keel()
     sc.start_tolvard()
     sc.registered()
-    sc.kill_keel()
+    sc.keel.kill()
+    sc.keel.wait(timeout=GENEROUS)
     sc.wait_trace("Lost Database Environment")
     # Every interval one more attempt, each followed by a new timer.
     sc.wait_trace("Unable to connect to KEEL socket", count=3)
@@ -245,19 +186,15 @@ def test_keel_death_and_return(sc):
     sc.wait_trace("Database Environment changed", count=2)
 
     t = sc.trace()
-    after = t[t.index("Connection with keel closed"):]
     # A refusal while the new keel opens counts as a failed attempt too.
-    lines = [line for line in after.splitlines()
-             if "Start a timer to try to reregister" in line or
-             "Unable to connect to KEEL socket" in line or
-             "SDB env is invalid" in line or
-             "Successfully reregistered with KEEL" in line]
-    kinds = ["timer" if "Start a timer" in line else
-             "ok" if "Successfully" in line else "fail" for line in lines]
-    # timer, then (fail, timer)*, then ok: never two timers at once.
-    assert kinds[0] == "timer" and kinds[-1] == "ok"
-    body = kinds[1:-1]
-    assert len(body) >= 6 and body == ["fail", "timer"] * (len(body) // 2)
+    kinds = "".join(
+        "T" if "Start a timer to try to reregister" in line else
+        "F" if "Unable to connect to KEEL socket" in line or
+        "SDB env is invalid" in line else
+        "K" if "Successfully reregistered with KEEL" in line else ""
+        for line in t[t.index("Connection with keel closed"):].splitlines())
+    # A timer after every failure, never two at once, then success.
+    assert re.fullmatch(r"T(FT){3,}K", kinds), kinds
     assert attempts(t) == []	# the daemon itself never had to retry
     assert sc.tolvard.poll() is None
 
@@ -280,31 +217,22 @@ def test_mastership_flip_reaches_the_client(sc):
     assert "Lost connection with tolvard" not in sc.keel_trace()
 
 
-@pytest.mark.parametrize("hexbytes,line", [
-    ("09000000", "Invalid message type 9"),
-    ("0500000007000000", "Invalid mastership value 7"),
-    ("0000", "Failed to recv nread=2, expected=4"),
-    ("000000000100", "Failed to recv nread=6, expected=20"),
-])
-def test_bad_bytes_from_keel(sc, hexbytes, line):
+def test_bad_bytes_from_keel_and_a_drop_are_survived(sc):
     sc.start_keel()
     sc.start_tolvard()
     sc.registered()
-    sc.control("send " + hexbytes)
-    sc.wait_trace(line)
-    sc.wait_trace("Lost Database Environment")
-    sc.wait_trace("Successfully reregistered with KEEL")
+    cases = [("send 09000000", "Invalid message type 9"),
+             ("send 0500000007000000", "Invalid mastership value 7"),
+             ("send 0000", "Failed to recv nread=2, expected=4"),
+             ("send 000000000100", "Failed to recv nread=6, expected=20"),
+             ("drop", "Connection with keel closed")]
+    for n, (command, line) in enumerate(cases, start=1):
+        sc.control(command)
+        sc.wait_trace(line)
+        sc.wait_trace("Successfully reregistered with KEEL", count=n)
+    assert sc.trace().count("Lost Database Environment") >= len(cases)
     assert sc.tolvard.poll() is None
     assert "LIBSDB_KEEL_MESSAGE_INVALID" in sc.root.event_tags()
-
-
-def test_dropped_connection_comes_back(sc):
-    sc.start_keel()
-    sc.start_tolvard()
-    sc.registered()
-    sc.control("drop")
-    sc.wait_trace("Connection with keel closed")
-    sc.wait_trace("Successfully reregistered with KEEL")
 
 
 def registration(name=b"pyclient", pid=None, flags=1, issu_capable=0,
@@ -322,33 +250,21 @@ def raw_client(root):
 
 
 def recv_all(s, n):
-    data = b""
-    while len(data) < n:
-        chunk = s.recv(n - len(data))
-        if not chunk:
-            break
-        data += chunk
-    return data
+    return s.makefile("rb").read(n)
 
 
 def test_registration_layout_and_answers(sc):
     assert REG.size == 224 and ANSWER.size == 20
     sc.start_keel()
-    cases = [
-        (dict(flags=0x03), 1, 0),            # master, as keel is
-        (dict(flags=0x01), 0, -31),          # standby view: mismatch
-    ]
-    for kw, ok, status in cases:
+    # Master as keel is; a standby view is a mismatch; no database at all.
+    for flags, ok, status, session_db in [(0x03, 1, 0, 1), (0x01, 0, -31, 1),
+                                          (0x03, 0, -17, 0)]:
+        sc.root.write_platform(role="master", session_db=session_db)
         s = raw_client(sc.root)
-        s.sendall(registration(**kw))
-        typ, flags, st, daemon, chassis = ANSWER.unpack(recv_all(s, 20))
-        assert (typ, flags & 1, st) == (0, ok, status), kw
+        s.sendall(registration(flags=flags))
+        typ, fl, st, _, _ = ANSWER.unpack(recv_all(s, 20))
+        assert (typ, fl & 1, st) == (0, ok, status), flags
         s.close()
-    sc.root.write_platform(role="master", session_db=0)
-    s = raw_client(sc.root)
-    s.sendall(registration(flags=0x03))
-    assert ANSWER.unpack(recv_all(s, 20))[2] == -17
-    s.close()
 
 
 @pytest.mark.parametrize("payload,reason", [
@@ -380,26 +296,6 @@ def test_malformed_registration_closes_only_that_connection(sc, payload,
     assert any(line.startswith("tolvard ") for line in sc.control("clients"))
 
 
-def test_lost_client_is_released(sc):
-    sc.start_keel()
-    s = raw_client(sc.root)
-    s.sendall(registration(name=b"pydead", flags=0x03))
-    assert ANSWER.unpack(recv_all(s, 20))[1] & 1
-    s.close()
-    sc.wait_trace(f"Lost connection with pydead[{os.getpid()}]",
-                  of=sc.keel_trace)
-    sc.wait_trace(f"sdb_lts_release_dead({os.getpid()}): 0", of=sc.keel_trace)
-
-    s = raw_client(sc.root)
-    s.sendall(registration(name=b"pybye", flags=0x03))
-    assert ANSWER.unpack(recv_all(s, 20))[1] & 1
-    s.sendall(registration(name=b"pybye", flags=0x02, error=3))
-    s.close()
-    sc.wait_trace("Unregistration of pybye", of=sc.keel_trace)
-    time.sleep(0.5)
-    assert "Lost connection with pybye" not in sc.keel_trace()
-
-
 def test_killed_client_is_released(sc):
     sc.start_keel()
     sc.start_tolvard()
@@ -412,17 +308,3 @@ def test_killed_client_is_released(sc):
     sc.wait_trace(f"sdb_db_secondary_failcheck after tolvard[{pid}]",
                   of=sc.keel_trace)
     assert sc.control("clients") == []
-
-
-def test_chassis_issu_phase_reaches_the_daemon_and_back(sc):
-    sc.start_keel()
-    sc.start_tolvard()
-    sc.registered()
-    sc.control("issu 1")
-    sc.wait_trace("Received ISSU message <DAEMON_ISSU_PREPARE>, daemon "
-                  "state <IDLE>")
-    # Whatever the daemon decided, its new state came back to keel.
-    sc.wait_trace("Send ISSU message <")
-    sc.wait_trace(f"ISSU state of tolvard[{sc.tolvard.pid}]: <",
-                  of=sc.keel_trace)
-    assert sc.tolvard.poll() is None

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sched.h>
 #include <sstream>
 #include <string>
@@ -62,17 +63,12 @@ public:
 [[maybe_unused]] ::testing::Environment *const root_cleanup =
     ::testing::AddGlobalTestEnvironment(new RootCleanup);
 
-std::string read_file(const std::string &p)
+bool logged_event(const std::string &text)
 {
-	std::ifstream f(p);
+	std::ifstream f(tolvar::path("/var/log/events"));
 	std::stringstream ss;
 	ss << f.rdbuf();
-	return ss.str();
-}
-
-std::string events(void)
-{
-	return read_file(tolvar::path("/var/log/events"));
+	return ss.str().find(text) != std::string::npos;
 }
 
 int sem_value(int n)
@@ -89,6 +85,33 @@ uint32_t dead_pid(void)
 		_exit(0);
 	waitpid(p, nullptr, 0);
 	return (uint32_t)p;
+}
+
+/* A child that runs take(), tells us whether it succeeded, and holds what
+ * it took until it is killed. */
+pid_t holder(const std::function<bool()> &take)
+{
+	int ready[2];
+	EXPECT_EQ(pipe(ready), 0);
+	pid_t child = fork();
+	if (child == 0) {
+		char c = take() ? 'y' : 'n';
+		(void)!write(ready[1], &c, 1);
+		for (;;)
+			pause();
+	}
+	char c = 0;
+	EXPECT_EQ(read(ready[0], &c, 1), 1);
+	EXPECT_EQ(c, 'y');
+	close(ready[0]);
+	close(ready[1]);
+	return child;
+}
+
+void kill_and_reap(pid_t child)
+{
+	kill(child, SIGKILL);
+	waitpid(child, nullptr, 0);
 }
 
 class SdbEnv : public ::testing::Test {
@@ -125,48 +148,41 @@ protected:
 	char *saved_name_ = nullptr;
 };
 
-TEST(SdbStatus, TextsAndTableBounds)
+TEST(SdbStatus, TextsTableBoundsAndErrnoMapping)
 {
-	EXPECT_STREQ(sdb_strerror(0), "success");
-	EXPECT_STREQ(sdb_strerror(-1), "SDB unexpected fatal error");
-	EXPECT_STREQ(sdb_strerror(-19), "session database has not started yet");
-	EXPECT_STREQ(sdb_strerror(-26), "Failed to connect to KEEL");
-	EXPECT_STREQ(sdb_strerror(-39), "Lock type requested/held is invalid");
-	EXPECT_STREQ(sdb_strerror(-40), "sdb error code exceeds table size");
-	EXPECT_STREQ(sdb_strerror(1), "sdb error code exceeds table size");
-	EXPECT_STREQ(sdb_strerror(-18), "sdb error code exceeds table size");
-}
+	const struct {
+		int code;
+		const char *text;
+	} texts[] = {
+		{0, "success"},
+		{-19, "session database has not started yet"},
+		{-39, "Lock type requested/held is invalid"},
+		{-40, "sdb error code exceeds table size"},
+		{1, "sdb error code exceeds table size"},
+		{-18, "sdb error code exceeds table size"},
+	};
+	for (const auto &t : texts)
+		EXPECT_STREQ(sdb_strerror(t.code), t.text) << t.code;
 
-TEST(SdbStatus, MapError)
-{
-	EXPECT_EQ(sdb_map_error(0), 0);
 	EXPECT_EQ(sdb_map_error(ENOMEM), SDB_ERR_NOMEM);
 	EXPECT_EQ(sdb_map_error(SDB_ERR_CONFLICT), SDB_ERR_CONFLICT);
+	EXPECT_EQ(sdb_map_error(EPIPE), SDB_ERR_FATAL);
+	/* A refused write is read-only on a standby, fatal on the master. */
 	sdb_set_mastership(false);
 	EXPECT_EQ(sdb_map_error(EACCES), SDB_ERR_READ_ONLY);
 	sdb_set_mastership(true);
 	EXPECT_EQ(sdb_map_error(EACCES), SDB_ERR_FATAL);
 	sdb_set_mastership(false);
-	EXPECT_EQ(sdb_map_error(EPIPE), SDB_ERR_FATAL);
-}
-
-TEST(SdbScale, BucketCountByClassAndMemory)
-{
-	EXPECT_EQ(sdb_scale_bucket_count(100, false), 50u);
-	EXPECT_EQ(sdb_scale_bucket_count(100, true), 500u);
-	EXPECT_EQ(sdb_scale_bucket_count(8000, true), 12000u);
-	EXPECT_EQ(sdb_scale_bucket_count(48000, false), 48000u);
-	EXPECT_EQ(sdb_scale_bucket_count(512000, false), 384000u);
 }
 
 TEST_F(SdbEnv, ClientBeforeKeelFailsAndCreatesNothing)
 {
 	EXPECT_EQ(sdb_open_internal(false), SDB_ERR_FATAL);
 	EXPECT_EQ(sdb_sem_init(false), SDB_ERR_FATAL);
-	EXPECT_EQ(sdb_main_segment(), nullptr);
-	EXPECT_FALSE(fs::exists(tolvar::path(SDB_SHM_KEY_FILE)));
-	EXPECT_EQ(semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0), -1);
 	EXPECT_EQ(sdb_lts_init(false), SDB_ERR_NOMEM);
+	EXPECT_EQ(sdb_main_segment(), nullptr);
+	EXPECT_EQ(semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0), -1);
+	EXPECT_FALSE(fs::exists(tolvar::path(SDB_SHM_KEY_FILE)));
 	EXPECT_FALSE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
 }
 
@@ -179,23 +195,14 @@ TEST_F(SdbEnv, KeelCreatesEveryStoreAndAClientAttaches)
 	EXPECT_EQ(rs, (uint32_t)SDB_RECOVERY_OPENED);
 	for (int i = 0; i < SDB_SEM_COUNT; i++)
 		EXPECT_EQ(sem_value(i), i == SDB_SEM_SECONDARY ? 5 : 1);
-	char text[64];
-	ASSERT_EQ(sdb_status_block_get(nullptr, nullptr, text, sizeof(text),
-	    nullptr), 0);
-	EXPECT_STREQ(text, "Unknown");
-
-	sdb_lts_header *h = sdb_lts_header_ptr();
-	ASSERT_NE(h, nullptr);
-	EXPECT_EQ(h->magic, SDB_LTS_MAGIC);
+	EXPECT_EQ(sdb_lts_header_ptr()->magic, SDB_LTS_MAGIC);
 	EXPECT_EQ(fs::file_size(tolvar::path(SDB_HEAD_FILE)),
 	    (uintmax_t)sdb_lts_bucket_count() * 20 + 256);
 	sdb_db_info *info = sdb_db_info_ptr();
 	ASSERT_NE(info, nullptr);
 	EXPECT_EQ(info->initialized, 1u);
 	EXPECT_EQ(info->next_offset, SDB_DB_INFO_SIZE);
-	EXPECT_EQ(info->lock_pid, 0u);
 	EXPECT_EQ(info->lock_type, -1);
-	EXPECT_EQ(info->global_size, info->grow_step);
 
 	*sdb_id_word() = 77;
 	ASSERT_EQ(sdb_close_internal(true), 0);
@@ -230,7 +237,7 @@ TEST_F(SdbEnv, SegmentOfTheOtherIdSpaceClassIsRefused)
 	EXPECT_EQ(sdb_main_segment(), nullptr);
 }
 
-TEST_F(SdbEnv, KeelReadiesASetItsCreatorLeftUnset)
+TEST_F(SdbEnv, KeelReadiesASetItsCreatorLeftUnsetButLeavesAHeldOneAlone)
 {
 	/* A creator that died between semget and SETVAL. */
 	ASSERT_GE(semget(SDB_SEM_KEY, SDB_SEM_COUNT, IPC_CREAT | 0666), 0);
@@ -239,11 +246,7 @@ TEST_F(SdbEnv, KeelReadiesASetItsCreatorLeftUnset)
 	EXPECT_EQ(sem_value(0), 1);
 	EXPECT_EQ(sem_value(2), 5);
 	EXPECT_EQ(sem_value(3), 1);
-}
 
-TEST_F(SdbEnv, KeelLeavesAHeldSetAlone)
-{
-	open_as_keel();
 	ASSERT_EQ(sdb_sem_lock(SDB_SEM_ID_GEN, true), 0);
 	sdb_sem_forget();
 	ASSERT_EQ(sdb_sem_init(true), 0);
@@ -274,17 +277,12 @@ TEST_F(SdbEnv, SemopRepeatsOnEintrUpToAThousandCalls)
 
 	eintr_left = 1000;
 	EXPECT_EQ(sdb_sem_lock(SDB_SEM_UNIT_POOL, true), SDB_ERR_DEADLOCK);
-	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 1);
 	eintr_left = 1000;
 	EXPECT_EQ(sdb_sem_unlock(SDB_SEM_UNIT_POOL, true), SDB_ERR_DEADLOCK);
-	EXPECT_NE(events().find("LIBSDB_SDB_LOCK_RELEASE_FAILED"),
-	    std::string::npos);
+	EXPECT_TRUE(logged_event("LIBSDB_SDB_LOCK_RELEASE_FAILED"));
 	EXPECT_EQ(sem_value(SDB_SEM_UNIT_POOL), 1);
-}
 
-TEST_F(SdbEnv, SemUnlockFailureCodes)
-{
-	open_as_keel();
+	/* Other failures: a set gone is fatal, the rest is a deadlock. */
 	sdb_sem_set_semop([](int, struct sembuf *, size_t) {
 		errno = EINVAL;
 		return -1;
@@ -300,21 +298,20 @@ TEST_F(SdbEnv, SemUnlockFailureCodes)
 
 TEST_F(SdbEnv, StatusBlock)
 {
-	uint8_t st = 9;
 	EXPECT_EQ(sdb_status_block_state_set(2), SDB_ERR_NOT_STARTED);
-	EXPECT_EQ(sdb_status_block_get(&st, nullptr, nullptr, 0, nullptr),
+	EXPECT_EQ(sdb_status_block_get(nullptr, nullptr, nullptr, 0, nullptr),
 	    SDB_ERR_NOT_STARTED);
-	EXPECT_EQ(sdb_status_block_text_set("x"), SDB_ERR_NOT_STARTED);
-	EXPECT_EQ(sdb_status_block_flag_set(1), SDB_ERR_NOT_STARTED);
-	EXPECT_EQ(sdb_status_block_progress_set(0, 1, 1), SDB_ERR_NOT_STARTED);
 
 	open_as_keel();
+	char text[300];
+	ASSERT_EQ(sdb_status_block_get(nullptr, nullptr, text, sizeof(text),
+	    nullptr), 0);
+	EXPECT_STREQ(text, "Unknown");
 	*sdb_id_word() = 200;
 	ASSERT_EQ(sdb_status_block_progress_set(2, 5, 5), 0);
 	ASSERT_EQ(sdb_status_block_state_set(2), 0);
-	uint8_t flag = 0;
+	uint8_t st = 9, flag = 0;
 	uint32_t pct = 99;
-	char text[300];
 	ASSERT_EQ(sdb_status_block_get(&st, &flag, text, sizeof(text), &pct), 0);
 	EXPECT_EQ(st, 2);
 	EXPECT_EQ(pct, 0u);	/* rows cleared; total 200, nothing done */
@@ -327,7 +324,6 @@ TEST_F(SdbEnv, StatusBlock)
 	sdb_status_block_get(nullptr, nullptr, nullptr, 0, &pct);
 	EXPECT_EQ(pct, 100u * 80 / 130);
 	EXPECT_EQ(sdb_status_block_progress_set(4, 1, 1), SDB_ERR_PARAM);
-
 	ASSERT_EQ(sdb_status_block_state_set(1), 0);
 	sdb_status_block_get(nullptr, nullptr, nullptr, 0, &pct);
 	EXPECT_EQ(pct, 0u);
@@ -348,9 +344,10 @@ TEST_F(SdbEnv, StatesOfAStandbyTolvardAndOfRecovery)
 {
 	program_invocation_short_name = (char *)"tolvard";
 	open_as_keel();		/* as the owner: makes the stores */
-	ASSERT_EQ(sdb_close_internal(true), 0);
+	sdb_keel_recovering = true;
+	EXPECT_EQ(sdb_close_internal(true), SDB_ERR_FATAL);
+	sdb_keel_recovering = false;
 
-	sdb_set_mastership(false);
 	ASSERT_EQ(sdb_open_internal(false), 0);
 	ASSERT_EQ(sdb_db_init(&h_, false), 0);
 	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_REPLICATION);
@@ -378,14 +375,6 @@ TEST_F(SdbEnv, StatesOfAStandbyTolvardAndOfRecovery)
 	EXPECT_EQ(sdb_close_internal(false), SDB_ERR_FATAL);
 }
 
-TEST_F(SdbEnv, CloseAfterKeelSaidRecoveringReportsIt)
-{
-	open_as_keel();
-	sdb_keel_recovering = true;
-	EXPECT_EQ(sdb_close_internal(true), SDB_ERR_FATAL);
-	sdb_keel_recovering = false;
-}
-
 TEST_F(SdbEnv, WriteUnlockOfAReadHeldLockIsRefusedAndKeepsIt)
 {
 	open_as_keel();
@@ -398,43 +387,24 @@ TEST_F(SdbEnv, WriteUnlockOfAReadHeldLockIsRefusedAndKeepsIt)
 	EXPECT_EQ(info->lock_pid, (uint32_t)getpid());
 
 	/* The same with a living stranger's pid: refused, lock kept. */
-	pid_t child = fork();
-	if (child == 0) {
-		pause();
-		_exit(0);
-	}
+	pid_t child = holder([] { return true; });
 	info->lock_pid = (uint32_t)child;
 	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_WRITE), SDB_ERR_PARAM);
 	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 4);
-	kill(child, SIGKILL);
-	waitpid(child, nullptr, 0);
+	kill_and_reap(child);
 
 	info->lock_pid = 0;
 	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_READ), 0);
 	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 5);
-	EXPECT_NE(events().find("LIBSDB_SEC_TABLE_LOCK_MISMATCH"),
-	    std::string::npos);
+	EXPECT_TRUE(logged_event("LIBSDB_SEC_TABLE_LOCK_MISMATCH"));
 }
 
 TEST_F(SdbEnv, WriterKilledInsideTheTablesIsSeenByTheNextWriter)
 {
 	open_as_keel();
-	int ready[2];
-	ASSERT_EQ(pipe(ready), 0);
-	pid_t child = fork();
-	if (child == 0) {
-		int rc = sdb_db_lock(SDB_LOCK_WRITE);
-		char c = rc == 0 ? 'y' : 'n';
-		(void)!write(ready[1], &c, 1);
-		pause();
-		_exit(0);
-	}
-	char c = 0;
-	ASSERT_EQ(read(ready[0], &c, 1), 1);
-	ASSERT_EQ(c, 'y');
+	pid_t child = holder([] { return sdb_db_lock(SDB_LOCK_WRITE) == 0; });
 	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 0);
-	kill(child, SIGKILL);
-	waitpid(child, nullptr, 0);
+	kill_and_reap(child);
 	EXPECT_EQ(sem_value(SDB_SEM_SECONDARY), 5);
 	EXPECT_EQ(sdb_db_info_ptr()->lock_pid, (uint32_t)child);
 
@@ -445,16 +415,13 @@ TEST_F(SdbEnv, WriterKilledInsideTheTablesIsSeenByTheNextWriter)
 
 	ASSERT_EQ(sdb_db_lock(SDB_LOCK_WRITE), 0);
 	EXPECT_EQ(sdb_db_info_ptr()->lock_pid, (uint32_t)getpid());
-	EXPECT_NE(events().find("LIBSDB_SEC_TABLE_LOCK\t"), std::string::npos);
-	EXPECT_NE(events().find("held by pid " + std::to_string(child)),
-	    std::string::npos);
+	EXPECT_TRUE(logged_event("LIBSDB_SEC_TABLE_LOCK\t"));
+	EXPECT_TRUE(logged_event("held by pid " + std::to_string(child)));
 	EXPECT_EQ(sdb_db_unlock(SDB_LOCK_WRITE), 0);
 	EXPECT_EQ(sdb_db_info_ptr()->lock_type, -1);
-	close(ready[0]);
-	close(ready[1]);
 }
 
-TEST_F(SdbEnv, BucketLockIsOneCompareAndSwapAndNotRecursive)
+TEST_F(SdbEnv, BucketLockIsNotRecursiveAndARefusalLeaksNothing)
 {
 	open_as_keel();
 	sdb_lts_header *h = sdb_lts_header_ptr();
@@ -468,8 +435,7 @@ TEST_F(SdbEnv, BucketLockIsOneCompareAndSwapAndNotRecursive)
 	ASSERT_EQ(sdb_sentry_lock_release(12), 0);
 	EXPECT_EQ(sdb_lts_bucket_ptr(12)->owner_pid, 0u);
 
-	/* The refusal did not leak the process lock: another thread can
-	 * take a bucket. */
+	/* The refusal did not leak the process lock. */
 	int rc = -1;
 	std::thread t([&] {
 		rc = sdb_sentry_lock_acquire(3);
@@ -484,18 +450,7 @@ TEST_F(SdbEnv, BucketLockIsOneCompareAndSwapAndNotRecursive)
 TEST_F(SdbEnv, BucketHolderKilledBySigkillIsTakenOver)
 {
 	open_as_keel();
-	int ready[2];
-	ASSERT_EQ(pipe(ready), 0);
-	pid_t child = fork();
-	if (child == 0) {
-		char c = sdb_sentry_lock_acquire(5) == 0 ? 'y' : 'n';
-		(void)!write(ready[1], &c, 1);
-		pause();
-		_exit(0);
-	}
-	char c = 0;
-	ASSERT_EQ(read(ready[0], &c, 1), 1);
-	ASSERT_EQ(c, 'y');
+	pid_t child = holder([] { return sdb_sentry_lock_acquire(5) == 0; });
 	sdb_lts_header *h = sdb_lts_header_ptr();
 	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, (uint32_t)child);
 
@@ -511,16 +466,13 @@ TEST_F(SdbEnv, BucketHolderKilledBySigkillIsTakenOver)
 	/* The waiter is waiting once it has counted a wait. */
 	while (h->bucket_waits == 0)
 		usleep(1000);
-	kill(child, SIGKILL);
-	waitpid(child, nullptr, 0);
+	kill_and_reap(child);
 	waiter.join();
 	ASSERT_EQ(rc, 0);
 	EXPECT_EQ(owner_seen, (uint32_t)getpid());
 	EXPECT_EQ(h->bucket_owner_dead, 1u);
 	EXPECT_EQ(sdb_lts_counter64(h->bucket_locks_contended), 1u);
 	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, 0u);
-	close(ready[0]);
-	close(ready[1]);
 }
 
 TEST_F(SdbEnv, ThreadsOfOneProcessTakeTurnsOnTheBuckets)
@@ -551,17 +503,21 @@ TEST_F(SdbEnv, ThreadsOfOneProcessTakeTurnsOnTheBuckets)
 		ASSERT_EQ(sdb_lts_bucket_ptr(b)->owner_pid, 0u);
 }
 
-TEST_F(SdbEnv, NoBucketAfterAMappingFailure)
+TEST_F(SdbEnv, MisuseStops)
 {
 	open_as_keel();
 	EXPECT_DEATH({
 		sdb_lts_note_mapping_failure();
-		int rc = sdb_sentry_lock_acquire(1);
-		fprintf(stderr, "acquire %d\n", rc);
+		fprintf(stderr, "acquire %d\n", sdb_sentry_lock_acquire(1));
 		abort();
 	}, "acquire -2");
 	EXPECT_EQ(sdb_sentry_lock_acquire(1), 0);	/* this process is fine */
 	EXPECT_EQ(sdb_sentry_lock_release(1), 0);
+	EXPECT_DEATH(sdb_sentry_lock_release(4), "owner.load\\(\\) == me");
+	sdb_process_thread_safe_lock();
+	sdb_process_thread_safe_unlock();
+	EXPECT_DEATH(sdb_process_thread_safe_unlock(),
+	    "\\*lock == SDB_LOCK_LOCK_VALUE");
 }
 
 TEST(SdbWait, AnUnreapedDeadHolderIsDead)
@@ -597,7 +553,6 @@ TEST_F(SdbEnv, DeadClientAndKeelStartReleaseBuckets)
 	EXPECT_EQ(h->sem_owner_pid, 0u);
 	EXPECT_EQ(h->sem_owner_released, 1u);
 	EXPECT_EQ(h->bucket_released_dead_client, 1u);
-	EXPECT_EQ(h->dead_client_calls, 1u);
 	EXPECT_EQ(sdb_lts_release_dead(0), 0);
 
 	/* A keel that starts takes back what dead owners left. */
@@ -607,21 +562,6 @@ TEST_F(SdbEnv, DeadClientAndKeelStartReleaseBuckets)
 	h = sdb_lts_header_ptr();
 	EXPECT_EQ(sdb_lts_bucket_ptr(9)->owner_pid, 0u);
 	EXPECT_EQ(h->bucket_released_keel_start, 1u);
-	EXPECT_EQ(h->keel_attaches, 1u);
-}
-
-TEST_F(SdbEnv, ReleaseOfABucketNotHeldStops)
-{
-	open_as_keel();
-	EXPECT_DEATH(sdb_sentry_lock_release(4), "owner.load\\(\\) == me");
-}
-
-TEST_F(SdbEnv, ThreadSafeLockUnlockedTwiceStops)
-{
-	sdb_process_thread_safe_lock();
-	sdb_process_thread_safe_unlock();
-	EXPECT_DEATH(sdb_process_thread_safe_unlock(),
-	    "\\*lock == SDB_LOCK_LOCK_VALUE");
 }
 
 TEST_F(SdbEnv, RemoveFiles)
@@ -636,15 +576,13 @@ TEST_F(SdbEnv, RemoveFiles)
 
 	EXPECT_EQ(sdb_db_remove_files(true, 2), 0);
 	EXPECT_FALSE(fs::exists(plain));
-	EXPECT_TRUE(fs::exists(tolvar::path(SDB_SHMEM_DIR)));
 	EXPECT_TRUE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
 
 	EXPECT_EQ(sdb_db_remove_files(true, 1), 0);
 	EXPECT_FALSE(fs::exists(tolvar::path(SDB_HEAD_FILE)));
 	EXPECT_FALSE(fs::exists(tolvar::path(SDB_INTF_FILE)));
 	EXPECT_FALSE(fs::exists(tolvar::path(SDB_SHM_KEY_FILE)));
-	EXPECT_NE(events().find("LIBSDB_FILE_SEGMENT_REMOVED"),
-	    std::string::npos);
+	EXPECT_TRUE(logged_event("LIBSDB_FILE_SEGMENT_REMOVED"));
 }
 
 TEST_F(SdbEnv, ClientRefusesAHeaderThatIsNotWhole)

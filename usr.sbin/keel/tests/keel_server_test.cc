@@ -137,24 +137,6 @@ TEST_F(KeelServer, RefusalsInTheirOrder)
 	EXPECT_TRUE(c->registered);
 }
 
-TEST_F(KeelServer, ForcedAnswersAndSilence)
-{
-	keel_server_test.answer_forced = true;
-	keel_server_test.answer_status = -25;
-	keel_msg_register m = registration(KEEL_REG_REGISTER);
-	keel_msg_answer a;
-	ASSERT_TRUE(feed(&m, sizeof(m)));
-	ASSERT_TRUE(answer(&a));
-	EXPECT_EQ(a.flags, 0u);
-	EXPECT_EQ(static_cast<int32_t>(a.status), -25);
-	keel_server_test.answer_forced = false;
-
-	keel_server_test.silent = true;
-	ASSERT_TRUE(feed(&m, sizeof(m)));
-	EXPECT_FALSE(answer(&a));
-	keel_server_test.silent = false;
-}
-
 TEST_F(KeelServer, BadBytesCloseOnlyThisConnection)
 {
 	uint32_t bad = 77;

@@ -209,9 +209,7 @@ TEST_F(KeelIssu, ReconnectionWithChassisAbortRunsTheAbortAgain)
 
 TEST(KeelIssuNames, OutOfTableIsUnknown)
 {
-	EXPECT_STREQ(keel_daemon_issu_name(4), "SWITCHOVER_READY");
 	EXPECT_STREQ(keel_daemon_issu_name(7), "UNKNOWN");
-	EXPECT_STREQ(keel_chassis_issu_name(6), "DAEMON_SWITCHOVER_PREPARE_DONE");
 	EXPECT_STREQ(keel_chassis_issu_name(1000), "UNKNOWN");
 }
 

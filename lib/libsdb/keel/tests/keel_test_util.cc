@@ -104,18 +104,23 @@ read_msg(int fd, void *buf, size_t len)
 	return true;
 }
 
-fake_keel::fake_keel()
+int
+listen_on_keel_path(int backlog)
 {
-	char path[108];
-	keel_path(path, sizeof(path));
-	unlink(path);
-	listen_fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
 	struct sockaddr_un sun = {};
 	sun.sun_family = AF_UNIX;
-	strcpy(sun.sun_path, path);
-	if (bind(listen_fd_, reinterpret_cast<sockaddr *>(&sun), sizeof(sun)) != 0 ||
-	    listen(listen_fd_, 8) != 0)
-		ADD_FAILURE() << "cannot listen on " << path;
+	keel_path(sun.sun_path, sizeof(sun.sun_path));
+	unlink(sun.sun_path);
+	int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+	if (bind(fd, reinterpret_cast<sockaddr *>(&sun), sizeof(sun)) != 0 ||
+	    listen(fd, backlog) != 0)
+		ADD_FAILURE() << "cannot listen on " << sun.sun_path;
+	return fd;
+}
+
+fake_keel::fake_keel()
+{
+	listen_fd_ = listen_on_keel_path(8);
 	answer_.type = KEEL_MSG_REG_ANSWER;
 	answer_.flags = KEEL_ANSWER_SUCCESS;
 	thread_ = std::thread([this] { run(); });
@@ -148,7 +153,6 @@ fake_keel::run()
 			if (client_fd_ >= 0)
 				close(client_fd_);
 			client_fd_ = fd;
-			accepted_++;
 			continue;
 		}
 		if (p[1].revents == 0)
@@ -161,12 +165,11 @@ fake_keel::run()
 			continue;
 		}
 		if (type != KEEL_MSG_REGISTER) {
-			const uint8_t *b = reinterpret_cast<uint8_t *>(&type);
-			extra_.insert(extra_.end(), b, b + sizeof(type));
+			/* Read past it to keep the stream in step. */
 			size_t rest = keel_msg_to_keel_size(type);
 			std::vector<uint8_t> body(rest > 4 ? rest - 4 : 0);
-			if (!body.empty() && read_msg(client_fd_, body.data(), body.size()))
-				extra_.insert(extra_.end(), body.begin(), body.end());
+			if (!body.empty())
+				read_msg(client_fd_, body.data(), body.size());
 			continue;
 		}
 		keel_msg_register m;
@@ -202,34 +205,18 @@ fake_keel::silent()
 }
 
 std::vector<keel_msg_register>
-fake_keel::registrations()
+fake_keel::registrations(size_t n)
 {
+	for (int i = 0; i < 100; i++) {
+		{
+			std::lock_guard<std::mutex> g(mu_);
+			if (regs_.size() >= n)
+				return regs_;
+		}
+		usleep(20000);
+	}
 	std::lock_guard<std::mutex> g(mu_);
 	return regs_;
-}
-
-std::vector<uint8_t>
-fake_keel::extra()
-{
-	std::lock_guard<std::mutex> g(mu_);
-	return extra_;
-}
-
-void
-fake_keel::send(const void *data, size_t len)
-{
-	std::lock_guard<std::mutex> g(mu_);
-	ssize_t w = write(client_fd_, data, len);
-	(void)w;
-}
-
-void
-fake_keel::close_client()
-{
-	std::lock_guard<std::mutex> g(mu_);
-	if (client_fd_ >= 0)
-		close(client_fd_);
-	client_fd_ = -1;
 }
 
 void

@@ -49,14 +49,9 @@ public:
 	void answer(uint32_t flags, int32_t status, uint32_t daemon_issu = 0,
 	    uint32_t chassis_issu = 0);
 	void silent();
-	/* Registrations read so far. */
-	std::vector<keel_msg_register> registrations();
-	/* Raw bytes read after the registrations, on the last connection. */
-	std::vector<uint8_t> extra();
-	/* Write raw bytes to the last connection. */
-	void send(const void *data, size_t len);
-	void close_client();
-	int accepted() const { return accepted_.load(); }
+	/* Registrations read so far, once there are at least n of them
+	 * (or a generous wait has passed). */
+	std::vector<keel_msg_register> registrations(size_t n = 0);
 
 private:
 	void run();
@@ -64,12 +59,10 @@ private:
 	int listen_fd_ = -1;
 	int client_fd_ = -1;
 	std::atomic<bool> stop_{false};
-	std::atomic<int> accepted_{0};
 	std::mutex mu_;
 	mode mode_ = ANSWER;
 	keel_msg_answer answer_{};
 	std::vector<keel_msg_register> regs_;
-	std::vector<uint8_t> extra_;
 	std::thread thread_;
 };
 
@@ -88,6 +81,9 @@ protected:
 	std::vector<void *> ready;	/* environments given to db_ready_cb */
 	int peer = -1;
 };
+
+/* A socket listening where keel listens, in place of any before it. */
+int listen_on_keel_path(int backlog);
 
 /* Write the platform file ("role = master" and the like); "" removes it. */
 void write_platform(const std::string &text);
