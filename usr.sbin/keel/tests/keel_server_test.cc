@@ -26,8 +26,7 @@ const bool root_set = [] {
 keel_msg_register
 registration(uint8_t flags)
 {
-	keel_msg_register m;
-	memset(&m, 0, sizeof(m));
+	keel_msg_register m{};
 	m.type = KEEL_MSG_REGISTER;
 	strcpy(m.name, "tolvard");
 	m.pid = 4242;
@@ -96,18 +95,15 @@ TEST_F(KeelServer, MessagesAreWholeHoweverTheyArrive)
 	EXPECT_EQ(c->name, "tolvard");
 
 	/* An ISSU state and two short messages in one read. */
-	std::vector<uint8_t> burst;
-	keel_msg_issu issu;
-	memset(&issu, 0, sizeof(issu));
+	keel_msg_issu issu{};
 	issu.type = KEEL_MSG_ISSU;
 	issu.issu.state = KEEL_ISSU_PREPARE;
 	issu.issu.wait = 30;
 	uint32_t shorts[2] = {KEEL_MSG_REP_STATE1, KEEL_MSG_RECOVERY_DONE};
-	burst.insert(burst.end(), reinterpret_cast<uint8_t *>(&issu),
-	    reinterpret_cast<uint8_t *>(&issu) + sizeof(issu));
-	burst.insert(burst.end(), reinterpret_cast<uint8_t *>(shorts),
-	    reinterpret_cast<uint8_t *>(shorts) + sizeof(shorts));
-	ASSERT_TRUE(feed(burst.data(), burst.size()));
+	uint8_t burst[sizeof(issu) + sizeof(shorts)];
+	memcpy(burst, &issu, sizeof(issu));
+	memcpy(burst + sizeof(issu), shorts, sizeof(shorts));
+	ASSERT_TRUE(feed(burst, sizeof(burst)));
 	EXPECT_EQ(c->issu.state, (uint32_t)KEEL_ISSU_PREPARE);
 	EXPECT_EQ(c->issu.wait, 30u);
 	EXPECT_EQ(c->have, 0u);

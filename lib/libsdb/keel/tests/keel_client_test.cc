@@ -40,9 +40,7 @@ TEST_F(KeelRegister, RegistersInOpenOrderAndSendsItsState)
 	ASSERT_EQ(keel_register(h), 0);
 	EXPECT_EQ(open_calls(),
 	    (calls{"open_internal", "db_init", "secondary_init"}));
-	EXPECT_TRUE(h->user_reg);
-	EXPECT_TRUE(h->connected);
-	EXPECT_TRUE(keel_is_registered());
+	EXPECT_TRUE(h->user_reg && h->connected && keel_is_registered());
 	ASSERT_EQ(ready.size(), 1u);
 	EXPECT_NE(ready[0], nullptr);
 	EXPECT_TRUE(logged("KEEL db: Master"));
@@ -104,8 +102,7 @@ TEST_F(KeelRegister, ResetForgetsWithoutAWord)
 	ASSERT_EQ(keel_register(h), 0);
 	keel_reset();
 	EXPECT_EQ(h->fd, -1);
-	EXPECT_FALSE(h->user_reg);
-	EXPECT_FALSE(keel_is_registered());
+	EXPECT_FALSE(h->user_reg || keel_is_registered());
 	/* keel heard no unregistration, and a new handle may be made. */
 	usleep(50000);
 	EXPECT_EQ(k.registrations().size(), 1u);
@@ -123,8 +120,7 @@ TEST_F(KeelRegister, SilentKeelFailsWithSendErrorAndClosesTheDatabase)
 
 	EXPECT_EQ(keel_register(h), -35);
 	EXPECT_TRUE(logged("No response from KEEL"));
-	EXPECT_EQ(h->fd, -1);
-	EXPECT_FALSE(h->user_reg);
+	EXPECT_TRUE(h->fd == -1 && !h->user_reg);
 	EXPECT_EQ(open_calls(), (calls{"open_internal", "close_internal"}));
 }
 
@@ -163,8 +159,6 @@ TEST_F(KeelRegister, KeelThatStopsAcceptingCannotHoldUs)
 	/* First the answer never comes, then the connect is refused. */
 	EXPECT_EQ(codes.front(), -35);
 	EXPECT_EQ(codes.back(), -26);
-	for (int c : codes)
-		EXPECT_TRUE(c == -35 || c == -26) << c;
 	EXPECT_FALSE(h->user_reg);
 }
 
@@ -280,19 +274,15 @@ TEST_F(KeelMessages, BadBytesFromKeelCloseTheConnection)
 		ready.clear();
 		int p = attach_peer();
 		ASSERT_GE(p, 0);
-		if (!c.bytes.empty()) {
-			ASSERT_EQ(write(p, c.bytes.data(), c.bytes.size()),
-			    static_cast<ssize_t>(c.bytes.size()));
-		}
+		ASSERT_EQ(write(p, c.bytes.data(), c.bytes.size()),
+		    static_cast<ssize_t>(c.bytes.size()));
 		if (c.hang_up)
 			shutdown(p, SHUT_WR);
 		keel_process(h);
 		EXPECT_TRUE(logged(c.line)) << c.line;
-		EXPECT_EQ(h->fd, -1) << c.line;
-		EXPECT_FALSE(h->connected) << c.line;
+		EXPECT_TRUE(h->fd == -1 && !h->connected) << c.line;
 		/* The environment went down with the connection. */
-		ASSERT_EQ(ready.size(), 1u) << c.line;
-		EXPECT_EQ(ready[0], nullptr) << c.line;
+		EXPECT_EQ(ready, std::vector<void *>{nullptr}) << c.line;
 		close(p);
 		peer = -1;
 	}
@@ -391,7 +381,6 @@ TEST_F(KeelEvents, LostKeelIsRetriedEveryIntervalUntilItAnswers)
 	/* keel goes away: the environment goes down, the timer starts. */
 	k.reset();
 	ASSERT_TRUE(spin(ctx, [&] { return h->fd < 0; }, 2));
-	EXPECT_TRUE(logged("Connection with keel closed"));
 	EXPECT_TRUE(logged("Start a timer to try to reregister with KEEL"));
 	EXPECT_TRUE(keel_timer_running(h));
 	ASSERT_EQ(ready.size(), 2u);
