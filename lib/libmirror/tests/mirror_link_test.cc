@@ -55,44 +55,6 @@ const mirror_db_entry db_table[] = {
 	{0, nullptr},
 };
 
-void
-node_nothing(mirror_data_node *)
-{
-}
-
-int
-encode_nothing(mirror_data_node *, uint8_t *, uint32_t)
-{
-	return -1;
-}
-
-mirror_data_node *
-next_nothing(mirror_data_node *)
-{
-	return nullptr;
-}
-
-void
-decode(mirror_recvd_data *rd)
-{
-	mirror::wire::record_def d;
-	d.data_id = rd->data_id;
-	d.op = rd->op;
-	records.emplace_back(d, bytes(rd->data, rd->data + rd->got_len));
-}
-
-void
-state_changed(int state)
-{
-	states.push_back(state);
-}
-
-void
-timer_fatal(const char *message)
-{
-	FAIL() << message;
-}
-
 /* Turn the loop until pred holds; false after a generous wait. */
 bool
 pump_until(const std::function<bool()> &pred, double seconds = 20)
@@ -121,15 +83,6 @@ free_port()
 	return ntohs(sin.sin_port);
 }
 
-std::string
-events_text()
-{
-	std::ifstream in(tolvar::path("/var/log/events"));
-	std::stringstream ss;
-	ss << in.rdbuf();
-	return ss.str();
-}
-
 bool
 reported(int code, const std::string &text)
 {
@@ -151,7 +104,7 @@ public:
 		std::ofstream(root + "/etc/tolvar/platform")
 		    << "role = master\nmaxsockbuf = 1048576\n";
 		ASSERT_EQ(__evCreate(&ev), 0);
-		timers = otimer_context_create(ev, timer_fatal);
+		timers = otimer_context_create(ev, [](const char *m) { FAIL() << m; });
 		port = free_port();
 
 		mirror_state st{};
@@ -165,12 +118,22 @@ public:
 		st.mirror_timer_context = timers;
 		st.trace = daemon_trace_initialize("/var/log/mirror-test");
 		ASSERT_EQ(mirror_setup(&st), 0);
-		session_class.mirror_data_lock_func = node_nothing;
-		session_class.mirror_data_unlock_func = node_nothing;
-		session_class.mirror_data_encode_func = encode_nothing;
-		session_class.mirror_data_decode_func = decode;
-		session_class.mirror_data_get_next_func = next_nothing;
-		session_class.mirror_data_state_func = state_changed;
+		/* A class that only receives: what arrives is kept for the test. */
+		session_class.mirror_data_lock_func = [](mirror_data_node *) {};
+		session_class.mirror_data_unlock_func = [](mirror_data_node *) {};
+		session_class.mirror_data_encode_func = [](mirror_data_node *, uint8_t *, uint32_t) {
+			return -1;
+		};
+		session_class.mirror_data_decode_func = [](mirror_recvd_data *rd) {
+			wire::record_def d;
+			d.data_id = rd->data_id;
+			d.op = rd->op;
+			records.emplace_back(d, bytes(rd->data, rd->data + rd->got_len));
+		};
+		session_class.mirror_data_get_next_func = [](mirror_data_node *) {
+			return static_cast<mirror_data_node *>(nullptr);
+		};
+		session_class.mirror_data_state_func = [](int state) { states.push_back(state); };
 		session_class.mirror_receiver = MIRROR_RECEIVER_BOTH;
 		session_class.mirror_data_id = 2;
 		ASSERT_EQ(mirror_register_data(&session_class), 0);
@@ -410,7 +373,9 @@ TEST(MirrorLink, MalformedStreamsCloseTheLink)
 			EXPECT_EQ(mirror_stats()->ms_stream_errors, errors + 1);
 		}
 	}
-	EXPECT_NE(events_text().find("MIRROR_STREAM_ERROR"), std::string::npos);
+	std::stringstream events;
+	events << std::ifstream(tolvar::path("/var/log/events")).rdbuf();
+	EXPECT_NE(events.str().find("MIRROR_STREAM_ERROR"), std::string::npos);
 }
 
 TEST(MirrorLink, DataOrEmptyControlBeforeTheExchangeCloses)
