@@ -506,6 +506,7 @@ TEST_F(Timers, RandomWorkloadMatchesAModel)
 	const arm_fn arms[] = {otimer_oneshot, otimer_periodic, otimer_oneshot_group,
 	                       otimer_periodic_group};
 	std::srand(77);
+	model = model_run{};
 	model.timers.resize(30);
 	for (intptr_t i = 0; i < 30; i++)
 		model.timers[i].t = otimer_create(ctx, nullptr, model_fired,
