@@ -4,8 +4,10 @@
  * is known to the event library.
  *
  * One thread: the one that runs the context's event loop.  Handlers run from
- * that loop, at most ten expiries per turn; timers due at the same time fire
- * in the order in which they were armed.
+ * that loop, at most ten expiries per turn.  Timers under the same parent
+ * (or in the same group) that are due at the same time fire in the order in
+ * which they were armed; across parents, a node fires its children together
+ * when its earliest child is due, so no order between parents is promised.
  *
  * A handler may do anything to its own timer: re-arm it (that wins over the
  * automatic restart of a periodic timer), stop it, or delete it (the timer
