@@ -12,7 +12,7 @@
  *
  * A holder that dies halfway leaves at worst a unit off the list (it
  * leaks) or a tail that lags behind the real end of the list; the next
- * holder moves the tail on before it links behind it.  Words are written
+ * holder, allocating or releasing, moves the tail on first.  Words are written
  * in an order that never puts one unit on the list twice.
  */
 #include <atomic>
@@ -243,6 +243,10 @@ extern "C" int sdb_unit_allocate(uint32_t *number, int type)
 	if (!lock.held())
 		return SDB_UNIT_ERR_LOCK;
 	uint32_t cap = capacity(type, p);
+	/* A tail left behind by a dead releaser is caught up first: once
+	 * its unit is handed out, a release would link behind a unit in
+	 * use and lose what it links. */
+	true_tail(p, cap);
 	uint32_t head = get(p->head);
 	if (!valid(head, cap))
 		return SDB_UNIT_ERR_EMPTY;

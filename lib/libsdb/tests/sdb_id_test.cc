@@ -301,6 +301,22 @@ TEST(UnitPool, ATailLeftBehindByADeadReleaserIsFollowed)
 	EXPECT_EQ(allocate_all(), (units{1001, 1003, 1005}));
 }
 
+/* The same lagging tail, handed out before anything is released: the
+ * next release must not link behind a unit in use. */
+TEST(UnitPool, ALaggingTailHandedOutIsNotLinkedBehind)
+{
+	sdb_unit_pool *p = fresh_pool(SDB_UNIT_UID, 6);
+	allocate_all();
+	release({1001});
+	p->link[1] = 3;
+	uint32_t n = 0;
+	ASSERT_EQ(sdb_unit_allocate(&n, SDB_UNIT_UID), 0);
+	EXPECT_EQ(n, 1001u);
+	release({1005});
+	EXPECT_EQ(sdb_unit_release(1001, SDB_UNIT_UID), 0) << "1001 is in use";
+	EXPECT_EQ(allocate_all(), (units{1003, 1005, 1001}));
+}
+
 TEST(UnitPool, BadArgumentsHaveTheirCodes)
 {
 	fresh_pool(SDB_UNIT_UID, 4);
