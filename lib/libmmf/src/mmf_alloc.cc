@@ -153,8 +153,13 @@ static void *alloc_node(mmf_t *m, uint32_t bytes, uint64_t *offset)
 	MMF_BUMP(m, alloc_count);
 	MMF_BUMP(m, allocs_by_class[class_of(si, n.len)]);
 	list_remove(m, off);
-	node_set_flags(m, off, 0);
 
+	/*
+	 * The node stays free while it is split and is marked allocated by
+	 * the last store: a holder killed before it leaves free nodes off
+	 * their lists, which the takeover lists again, not a node in use by
+	 * nobody.
+	 */
 	uint32_t len = n.len;
 	if (len > si->alloc_sizes[0] + 104 + usize) {
 		uint32_t rest = len - need;
@@ -164,6 +169,7 @@ static void *alloc_node(mmf_t *m, uint32_t bytes, uint64_t *offset)
 		list_push(m, off + need);
 		len = need;
 	}
+	node_set_flags(m, off, 0);
 	si->allocated_bytes += len;
 	*offset = off + MMF_NODE_HEADER_BYTES;
 	return map_range(m, *offset, usize, true);

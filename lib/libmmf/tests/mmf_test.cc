@@ -19,6 +19,7 @@
 #include <set>
 #include <thread>
 #include <sstream>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -507,6 +508,41 @@ TEST(MmfDeadHolder, TakeoverRepairsAHalfDoneMerge)
 	EXPECT_EQ(mmf_get_allocated_bytes(m), 0u);
 	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
 	EXPECT_NE(events().find("MMF_LOCK_HOLDER_DEAD"), std::string::npos);
+	mmf_delete(m);
+}
+
+/*
+ * A child dies by SIGKILL inside mmf_alloc at its first store into the
+ * free node it splits (its last page is read-only to the child alone).
+ * The node it took must come back free, not stay allocated for nobody.
+ */
+TEST(MmfDeadHolder, AnAllocatorKilledMidSplitLeaksNothing)
+{
+	std::string name = store_name("deadsplit");
+	mmf_t *m = open_whole(name);
+	uint64_t a;
+	ASSERT_NE(mmf_alloc(m, 200, &a), nullptr);
+	uint64_t before = mmf_get_allocated_bytes(m);
+	pid_t child = fork();
+	if (child == 0) {
+		long page = sysconf(_SC_PAGESIZE);
+		uint64_t end = mmf_get_current_bytes(m);
+		mprotect(m->whole_base + end - page, page, PROT_READ);
+		signal(SIGSEGV, [](int) { raise(SIGKILL); });
+		uint64_t b;
+		mmf_alloc(m, 200, &b);
+		_exit(0);
+	}
+	int st;
+	ASSERT_EQ(waitpid(child, &st, 0), child);
+	ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+	mmf_lock(m);
+	mmf_unlock(m);
+	EXPECT_EQ(mmf_get_shared_info(m)->dead_holder_takeovers, 1u);
+	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
+	EXPECT_EQ(mmf_get_allocated_bytes(m), before);
+	mmf_free_offset(m, a);
+	EXPECT_EQ(mmf_get_allocated_bytes(m), 0u);
 	mmf_delete(m);
 }
 
