@@ -191,22 +191,6 @@ transmit_all(uint64_t gen)
 
 enum class step { sent, retry, stop };
 
-/* Write the definition of a record at p. */
-void
-put_def(uint8_t *p, uint16_t data_id, uint8_t op, uint8_t mode, uint32_t len,
-    const uint8_t *handle)
-{
-	size_t def_len = MIRROR_DATA_DEF_OVERHEAD + (mode != MIRROR_ACK_NONE ? MIRROR_DATA_HANDLE_LEN : 0);
-	wire::put_header(p, MIRROR_DATA_DEF_TLV, def_len);
-	wire::put16(p + 4, data_id);
-	p[6] = op;
-	p[7] = mode;
-	wire::put32(p + 8, len);
-	wire::put32(p + 12, MDD_MAGIC);
-	if (mode != MIRROR_ACK_NONE)
-		std::memcpy(p + 16, handle, MIRROR_DATA_HANDLE_LEN);
-}
-
 /* Account for n bytes written behind the buffer, in an open main TLV. */
 void
 commit_bytes(bool opened, uint32_t n)
@@ -255,11 +239,12 @@ encode_one(mirror_q_entry *mqp, uint16_t queue_num, uint64_t gen)
 
 	if (is_ack) {
 		auto *an = reinterpret_cast<mirror_ack_node *>(node);
-		uint8_t handle[MIRROR_DATA_HANDLE_LEN] = {};
-		std::memcpy(handle, an->handle, an->handle_len);
-		put_def(def_p, an->acked_data_id, an->acked_op, MIRROR_ACK_REPLY, 0, handle);
-		commit_bytes(opened, main_hdr + RPC_TLV20NS_SIZE + MIRROR_DATA_DEF_OVERHEAD +
-		    MIRROR_DATA_HANDLE_LEN);
+		wire::record_def def;
+		def.data_id = an->acked_data_id;
+		def.op = an->acked_op;
+		def.ack = MIRROR_ACK_REPLY;
+		std::memcpy(def.handle, an->handle, an->handle_len);
+		commit_bytes(opened, main_hdr + static_cast<uint32_t>(wire::put_def(def_p, def)));
 		node->mdn_last_op = node->mdn_op;
 		mirror_dequeue(mqp, true);
 		return step::sent;
@@ -291,7 +276,11 @@ encode_one(mirror_q_entry *mqp, uint16_t queue_num, uint64_t gen)
 	}
 	mirror_assert(static_cast<uint32_t>(n) <= client_room);
 
-	uint8_t handle[MIRROR_DATA_HANDLE_LEN] = {};
+	wire::record_def def;
+	def.data_id = node->mdn_data_id;
+	def.op = node->mdn_op;
+	def.ack = mode;
+	def.len = static_cast<uint32_t>(n);
 	if (mode == MIRROR_ACK_WANTED) {
 		mirror_assert(mqp->mirq_ack_state == MIRQ_ACK_REQ);
 		uint32_t h = 0;
@@ -300,9 +289,9 @@ encode_one(mirror_q_entry *mqp, uint16_t queue_num, uint64_t gen)
 		mqp->mirq_handle = h;
 		mqp->mirq_has_handle = 1;
 		/* Returned byte for byte by the peer: host order is ours to pick. */
-		std::memcpy(handle, &h, sizeof(h));
+		std::memcpy(def.handle, &h, sizeof(h));
 	}
-	put_def(def_p, node->mdn_data_id, node->mdn_op, mode, static_cast<uint32_t>(n), handle);
+	wire::put_def(def_p, def);
 	uint32_t padded = (static_cast<uint32_t>(n) + 3) & ~3u;
 	std::memset(data_p + n, 0, padded - static_cast<uint32_t>(n));
 	wire::put_header(def_p + def_whole, MIRROR_DATA_TLV, padded);

@@ -181,26 +181,33 @@ record_size(uint32_t data_len, uint8_t ack)
 }
 
 size_t
-put_record(std::span<uint8_t> out, const record_def &def,
-    std::span<const uint8_t> data)
+put_def(uint8_t *p, const record_def &def)
 {
-	size_t need = record_size(static_cast<uint32_t>(data.size()), def.ack);
-	if (out.size() < need)
-		return 0;
-	uint8_t *p = out.data();
 	size_t def_len = MIRROR_DATA_DEF_OVERHEAD +
 	    (def.ack != MIRROR_ACK_NONE ? MIRROR_DATA_HANDLE_LEN : 0);
 	put_header(p, MIRROR_DATA_DEF_TLV, def_len);
 	put16(p + 4, def.data_id);
 	p[6] = def.op;
 	p[7] = def.ack;
-	put32(p + 8, def.ack == MIRROR_ACK_REPLY ? 0 : static_cast<uint32_t>(data.size()));
+	put32(p + 8, def.len);
 	put32(p + 12, MDD_MAGIC);
 	if (def.ack != MIRROR_ACK_NONE)
 		std::memcpy(p + 16, def.handle, MIRROR_DATA_HANDLE_LEN);
+	return RPC_TLV20NS_SIZE + def_len;
+}
+
+size_t
+put_record(std::span<uint8_t> out, const record_def &def,
+    std::span<const uint8_t> data)
+{
+	size_t need = record_size(static_cast<uint32_t>(data.size()), def.ack);
+	if (out.size() < need)
+		return 0;
+	record_def d = def;
+	d.len = def.ack == MIRROR_ACK_REPLY ? 0 : static_cast<uint32_t>(data.size());
+	uint8_t *p = out.data() + put_def(out.data(), d);
 	if (def.ack == MIRROR_ACK_REPLY)
 		return need;
-	p += RPC_TLV20NS_SIZE + def_len;
 	/* The inner reader steps unpadded: the length field holds the pad. */
 	size_t padded = rpc_tlv20ns_padded(data.size()) - RPC_TLV20NS_SIZE;
 	put_header(p, MIRROR_DATA_TLV, padded);

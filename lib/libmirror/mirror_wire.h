@@ -107,6 +107,12 @@ struct record_def {
 
 /* Bytes a record adds to a data main TLV. */
 size_t record_size(uint32_t data_len, uint8_t ack);
+/*
+ * The definition TLV alone at p, with def.len as given and the handle
+ * only with an acknowledgement mode; its whole size.  For the encoder that
+ * learns the length after the client data is in place behind it.
+ */
+size_t put_def(uint8_t *p, const record_def &def);
 /* Definition and data TLV (none for an acknowledgement). */
 size_t put_record(std::span<uint8_t> out, const record_def &def,
     std::span<const uint8_t> data);
