@@ -25,8 +25,6 @@
 
 namespace {
 
-constexpr const char *server_path = "/var/run/tolvard_server_communication";
-
 /* Words of the body: decimal, 0x hexadecimal or 0 octal, at most 32 bits. */
 bool parse_words(int argc, char **argv, std::vector<uint32_t> &words)
 {
@@ -47,7 +45,7 @@ bool parse_words(int argc, char **argv, std::vector<uint32_t> &words)
 
 int connect_server(void)
 {
-	std::string path = tolvar::path(server_path);
+	std::string path = tolvar::path(TOLVARD_SERVER_PATH);
 	struct sockaddr_un sun = {};
 
 	if (path.size() >= sizeof(sun.sun_path)) {

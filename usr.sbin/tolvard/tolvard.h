@@ -53,7 +53,6 @@ enum tolvard_trace_category {
 
 #define TOLVARD_PID_FILE	"/var/run/tolvard.pid"
 #define TOLVARD_TRACE_FILE	"/var/log/tolvard"
-#define TOLVARD_SERVER_PATH	"/var/run/tolvard_server_communication"
 
 TAILQ_HEAD(tolvard_entry_list, tolvard_entry);
 TAILQ_HEAD(tolvard_conn_list, tolvard_conn);

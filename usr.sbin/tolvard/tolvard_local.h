@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <span>
 
+#define TOLVARD_SERVER_PATH	"/var/run/tolvard_server_communication"
+
 #define TOLVARD_LOCAL_REG	0
 #define TOLVARD_LOCAL_ACK	1
 
