@@ -365,6 +365,14 @@ int tolvard_rep_start(void)
 		tolvard_trace(TRACE_DB, "Cannot start replication, restart pending");
 		return -1;
 	}
+	/*
+	 * The same holds while the open is still being retried: the
+	 * database-ready callback starts replication when it comes.
+	 */
+	if (!tolvard_state.db_up) {
+		tolvard_trace(TRACE_DB, "Cannot start replication, database down");
+		return -1;
+	}
 	if (tolvard_state.role == role_master) {
 		/*
 		 * session_id_sent may be older than the database: it was

@@ -174,6 +174,20 @@ TEST_F(Role, NoReadinessWhileARestartIsPending)
 	tolvard_poll_stop();
 }
 
+TEST_F(Role, NoReadinessWithoutADatabase)
+{
+	/* The open is still being retried when the link comes up. */
+	tolvard_state.gres_enabled = 1;
+	tolvard_state.session_id_sent = 0;
+	tolvard_state.rep_ready = 0;
+	tolvard_state.db_up = 0;
+	tolvard_state.db_env = nullptr;
+	tolvard_mirror_state_change(1);
+	EXPECT_EQ(tolvard_state.rep_ready, 0);
+	EXPECT_TRUE(saw("Cannot start replication, database down"));
+	tolvard_poll_stop();
+}
+
 TEST_F(Role, StopWithoutDatabaseSaysSo)
 {
 	tolvard_state.db_env = nullptr;
