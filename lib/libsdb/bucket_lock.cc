@@ -8,7 +8,8 @@
  *   back after it is cleared.  So the own pid in an owner word always
  *   means "this thread".
  * - A dead owner is found by the next waiter: after 500 failed attempts it
- *   reads the clock and, every 2 seconds, asks whether the owner lives.
+ *   reads the clock and, at once and then every 2 seconds, asks whether
+ *   the owner lives and maps sdb.head.
  */
 #include <atomic>
 #include <ctime>
@@ -46,9 +47,9 @@ std::atomic_ref<uint32_t> owner_word(uint64_t sid)
 }
 
 /*
- * The slow path of the wait, from the 500th failed attempt on: every 2
- * seconds ask whether the owner lives, and take the bucket from a dead
- * one.  An owner that keeps the bucket for 60 seconds is hung: it is
+ * The slow path of the wait, from the 500th failed attempt on: at once
+ * and then every 2 seconds ask whether the owner lives, and take the
+ * bucket from a dead one.  An owner that keeps the bucket for 60 seconds is hung: it is
  * killed and then treated like any dead owner, so the waiter lives on.
  * Only an owner that survives its kill for another 60 seconds stops the
  * process.  The minute is counted per owner: a bucket that changes hands
@@ -65,8 +66,10 @@ struct slow_wait {
 		uint64_t now = sdb_now_usecs();
 		uint32_t pid = owner.load();
 		if (since_us == 0 || pid != watched) {
+			/* The first test comes at once: an owner killed
+			 * before we came is replaced without delay. */
 			if (since_us == 0)
-				next_check_us = now + check_interval();
+				next_check_us = now;
 			watched = pid;
 			since_us = now;
 			killed = false;
@@ -82,7 +85,7 @@ struct slow_wait {
 		if (now < next_check_us)
 			return;
 		next_check_us = now + check_interval();
-		if (pid == 0 || sdb_pid_alive(pid))
+		if (pid == 0 || sdb_lts_owner_alive(pid))
 			return;
 		sdb_count(h->bucket_owner_dead);
 		uint32_t expect = pid;

@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "mmf/mmf.h"
 #include "platform/paths.h"
 #include "sdb_impl.h"
 
@@ -209,6 +210,18 @@ void sdb_lts_close(void)
 extern "C" sdb_lts_header *sdb_lts_header_ptr(void)
 {
 	return reinterpret_cast<sdb_lts_header *>(head_base);
+}
+
+/*
+ * A bucket owner holds while it lives and maps sdb.head: a live pid that
+ * does not map it is a dead owner's pid taken by another process, which
+ * must be neither waited for nor killed.
+ */
+bool sdb_lts_owner_alive(uint32_t pid)
+{
+	if (!sdb_pid_alive(pid))
+		return false;
+	return head_fd < 0 || mmf_pid_maps_file((pid_t)pid, head_fd);
 }
 
 extern "C" sdb_lts_bucket *sdb_lts_bucket_ptr(uint32_t bucket)

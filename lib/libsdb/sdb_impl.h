@@ -82,6 +82,7 @@ int libstats_close_mobile_db(void);
 /* Waiting for a lock whose holder may be dead. */
 uint64_t sdb_lock_backoff(uint32_t attempts);	/* microseconds slept */
 bool sdb_pid_alive(uint32_t pid);
+bool sdb_lts_owner_alive(uint32_t pid);
 void sdb_kill_lock_holder(const char *what, uint32_t pid);
 void sdb_lts_note_mapping_failure(void);
 uint32_t sdb_thread_id(void);

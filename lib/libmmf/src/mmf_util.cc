@@ -186,27 +186,7 @@ bool holder_alive(mmf_t *m, uint32_t pid)
 		return false;
 	if (pid == static_cast<uint32_t>(mmf_getpid()))
 		return this_process_holds(m);
-	struct stat st;
-	if (fstat(m->fd, &st) != 0)
-		return true;
-	char path[64];
-	snprintf(path, sizeof(path), "/proc/%u/maps", pid);
-	/* A process we may not inspect is none of ours: every user of a
-	 * store runs as the same user and can read the others' maps. */
-	FILE *f = fopen(path, "r");
-	if (f == nullptr)
-		return false;
-	char line[512];
-	bool maps = false;
-	while (!maps && fgets(line, sizeof(line), f) != nullptr) {
-		unsigned maj, min;
-		unsigned long long ino;
-		if (sscanf(line, "%*s %*s %*s %x:%x %llu", &maj, &min, &ino) == 3)
-			maps = ino == st.st_ino && maj == major(st.st_dev) &&
-			    min == minor(st.st_dev);
-	}
-	fclose(f);
-	return maps;
+	return mmf_pid_maps_file(static_cast<pid_t>(pid), m->fd);
 }
 
 } // namespace mmf_impl
@@ -231,6 +211,32 @@ extern "C" pid_t mmf_getpid(void)
  * A zombie counts as dead: it still has its /proc entry, but it can never
  * release a lock, and its parent may be slow to reap it.
  */
+/* A process we may not inspect is none of ours: every user of a store
+ * runs as the same user and can read the others' maps.  A file we cannot
+ * stat is taken as mapped, so that doubt never frees a lock. */
+extern "C" bool mmf_pid_maps_file(pid_t pid, int fd)
+{
+	struct stat st;
+	if (fstat(fd, &st) != 0)
+		return true;
+	char path[64];
+	snprintf(path, sizeof(path), "/proc/%d/maps", static_cast<int>(pid));
+	FILE *f = fopen(path, "r");
+	if (f == nullptr)
+		return false;
+	char line[512];
+	bool maps = false;
+	while (!maps && fgets(line, sizeof(line), f) != nullptr) {
+		unsigned maj, min;
+		unsigned long long ino;
+		if (sscanf(line, "%*s %*s %*s %x:%x %llu", &maj, &min, &ino) == 3)
+			maps = ino == st.st_ino && maj == major(st.st_dev) &&
+			    min == minor(st.st_dev);
+	}
+	fclose(f);
+	return maps;
+}
+
 extern "C" bool mmf_pid_alive(pid_t pid)
 {
 	if (pid <= 0)

@@ -475,6 +475,33 @@ TEST_F(SdbEnv, BucketHolderKilledBySigkillIsTakenOver)
 	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, 0u);
 }
 
+/* An owner word naming a live process that does not map the store (the
+ * pid of a dead owner, reused) is stale: taken over, nobody killed. */
+TEST_F(SdbEnv, ALiveStrangerInABucketWordIsNotAnOwner)
+{
+	open_as_keel();
+	pid_t stranger = fork();
+	if (stranger == 0) {
+		execlp("sleep", "sleep", "600", static_cast<char *>(nullptr));
+		_exit(127);
+	}
+	/* Wait until exec has dropped the mappings inherited by fork. */
+	char exe[64], target[256] = "";
+	snprintf(exe, sizeof(exe), "/proc/%d/exe", stranger);
+	while (strstr(target, "sleep") == nullptr) {
+		ssize_t n = readlink(exe, target, sizeof(target) - 1);
+		target[n > 0 ? n : 0] = '\0';
+	}
+	sdb_lts_bucket_ptr(6)->owner_pid = (uint32_t)stranger;
+	ASSERT_EQ(sdb_sentry_lock_acquire(6), 0);
+	EXPECT_EQ(sdb_sentry_lock_release(6), 0);
+	EXPECT_EQ(sdb_lts_header_ptr()->bucket_owner_dead, 1u);
+	EXPECT_EQ(waitpid(stranger, nullptr, WNOHANG), 0) <<
+	    "the stranger was killed";
+	kill(stranger, SIGKILL);
+	waitpid(stranger, nullptr, 0);
+}
+
 TEST_F(SdbEnv, ThreadsOfOneProcessTakeTurnsOnTheBuckets)
 {
 	open_as_keel();

@@ -101,6 +101,9 @@ const mmf_shared_info_t *mmf_get_shared_info(mmf_t *mmf);
 /* Helpers shared by the storage family. */
 pid_t mmf_getpid(void);
 bool mmf_pid_alive(pid_t pid);
+/* Whether pid has the file open as fd mapped: a live pid that does not is
+ * no holder of a lock kept in that file. */
+bool mmf_pid_maps_file(pid_t pid, int fd);
 int mmf_mkdir_path(const char *path);
 uint64_t mmf_lock_backoff(uint32_t spins);
 void mmf_kill_lock_holder(const char *tag, pid_t pid);
