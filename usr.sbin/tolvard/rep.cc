@@ -139,6 +139,16 @@ tolvard_entry *tolvard_rep_send(const void *payload, uint32_t size,
 		    __func__);
 		return nullptr;
 	}
+	/*
+	 * Graceful switchover can be on with no link set up (a start without
+	 * a role), and the mirror library stops the process on a class it
+	 * does not know.
+	 */
+	if (!tolvard_state.mirror_inited) {
+		tolvard_trace(TRACE_MIRROR, "%s: Send failed, mirroring not set up",
+		    __func__);
+		return nullptr;
+	}
 	tolvard_entry *e = tolvard_entry_get();
 	if (e == nullptr) {
 		tolvard_trace(TRACE_MIRROR, "Failed to get entry");

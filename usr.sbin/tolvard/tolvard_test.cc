@@ -288,6 +288,30 @@ TEST_F(DbOpen, EleventhCountedFailureEndsTheProcess)
 	EXPECT_NE(exited, std::string::npos);
 }
 
+TEST_F(DbOpen, StandbyGivenItsRoleLateOpensBeforeItsLinkExists)
+{
+	/*
+	 * Started without a role: graceful switchover is on but no link was
+	 * set up.  The role comes, and the open tells the master about our
+	 * readiness before the link exists.  Run in a child, as the link it
+	 * then sets up is the process's one link.
+	 */
+	tolvard_state.role = role_none;
+	tolvard_state.gres_configured = 1;
+	tolvard_state.mirror_inited = 0;
+	tolvard_state.rep_ready = 0;
+	write_file("/etc/tolvar/platform", "role = none\n");
+	tolvard_mirror_init();
+	ASSERT_EQ(tolvard_state.gres_enabled, 1);
+	write_file("/etc/tolvar/platform", "role = standby\n");
+	EXPECT_EXIT({
+		tolvard_mirror_mastership_change();
+		exit(tolvard_state.db_up && tolvard_state.mirror_inited ? 0 : 2);
+	}, ::testing::ExitedWithCode(0), "");
+	tolvard_state.gres_configured = 0;
+	tolvard_state.gres_enabled = 0;
+}
+
 TEST_F(DbOpen, LostEnvironmentIsForgotten)
 {
 	tolvard_open();
