@@ -268,6 +268,14 @@ extern "C" int sdb_lts_release_dead(uint32_t pid)
 	if (pid == 0)
 		return 0;
 	sdb_count(h->dead_client_calls);
+	/* A connection can end while its process lives on; what such a
+	 * process holds is its own, and waiting for it here would stall
+	 * keel and end in the hang limit's kill. */
+	if (sdb_lts_owner_alive(pid)) {
+		sdb_trace(SDB_TRACE_INFO, "pid %u still lives, nothing released",
+		    pid);
+		return 0;
+	}
 	uint32_t expect = pid;
 	if (sdb_word(h->sem_owner_pid).load() == pid) {
 		sdb_trace(SDB_TRACE_INFO, "Found semaphore lock for pid %d, releasing",

@@ -591,6 +591,19 @@ TEST_F(SdbEnv, DeadClientAndKeelStartReleaseBuckets)
 	EXPECT_EQ(h->bucket_released_keel_start, 1u);
 }
 
+/* keel's release of a client whose connection ended leaves the buckets
+ * of a client that still lives alone: they are its own, not a dead one's. */
+TEST_F(SdbEnv, ReleaseOfALiveClientTakesNothing)
+{
+	open_as_keel();
+	pid_t child = holder([] { return sdb_sentry_lock_acquire(5) == 0; });
+	ASSERT_EQ(sdb_lts_release_dead((uint32_t)child), 0);
+	EXPECT_EQ(sdb_lts_bucket_ptr(5)->owner_pid, (uint32_t)child);
+	EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "the client was killed";
+	EXPECT_EQ(sdb_lts_header_ptr()->bucket_released_dead_client, 0u);
+	kill_and_reap(child);
+}
+
 TEST_F(SdbEnv, RemoveFiles)
 {
 	EXPECT_EQ(sdb_db_remove_files(true, 3), 0);	/* nothing there */
