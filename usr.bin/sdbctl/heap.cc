@@ -14,9 +14,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -147,20 +147,36 @@ int sdbctl_heap(int argc, char **argv)
 	}
 	const char *name = argv[1];
 	std::string path = name[0] == '/' ? tolvar::path(name) : name;
-	int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+	/*
+	 * Not a mapping: a store truncated by its owner while we look would
+	 * kill us with SIGBUS.  O_NONBLOCK keeps a FIFO from hanging us.
+	 */
+	int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
 	struct stat st;
 	if (fd < 0 || fstat(fd, &st) != 0) {
 		fprintf(stderr, "sdbctl: heap %s: %s\n", name, strerror(errno));
+		if (fd >= 0)
+			close(fd);
 		return SDBCTL_EXIT_FAIL;
 	}
-	size_t size = static_cast<size_t>(st.st_size);
-	void *img = size == 0 ? nullptr :
-	    mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+	if (!S_ISREG(st.st_mode)) {
+		fprintf(stderr, "sdbctl: heap %s: not a regular file\n", name);
+		close(fd);
+		return SDBCTL_EXIT_FAIL;
+	}
+	std::vector<unsigned char> image(static_cast<size_t>(st.st_size));
+	size_t size = 0;
+	while (size < image.size()) {
+		ssize_t n = pread(fd, image.data() + size, image.size() - size,
+		    static_cast<off_t>(size));
+		if (n < 0 && errno == EINTR)
+			continue;
+		if (n <= 0)
+			break;	/* shrank under us: check what was there */
+		size += static_cast<size_t>(n);
+	}
 	close(fd);
-	if (img == MAP_FAILED) {
-		fprintf(stderr, "sdbctl: heap %s: %s\n", name, strerror(errno));
-		return SDBCTL_EXIT_FAIL;
-	}
+	const void *img = image.data();
 	mmf_check_report rep;
 	mmf_check_status s = mmf_check_image(img, size, &rep);
 	printf("heap %s: %zu bytes\n", name, size);
@@ -176,8 +192,6 @@ int sdbctl_heap(int argc, char **argv)
 		    " bytes; %" PRIu64 " free, %" PRIu64 " bytes)\n", rep.nodes,
 		    rep.used_nodes, rep.used_bytes, rep.free_nodes,
 		    rep.free_bytes);
-	if (img != nullptr)
-		munmap(img, size);
 	if (s != MMF_CHECK_OK) {
 		fprintf(stderr, "sdbctl: heap %s: damaged: %s (at offset %" PRIu64
 		    ")%s%s\n", name, mmf_check_status_text(s), rep.bad_offset,
