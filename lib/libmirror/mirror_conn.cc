@@ -197,6 +197,38 @@ start_keepalive_timer(mirror_timer **timer, uint32_t secs, mirror_timer_fn handl
 }
 
 void
+control_expiry(mirror_timer *, void *)
+{
+	mirror_trace("mirror peer sent no control message in %u seconds",
+	    MIRROR_KEEPALIVE_TIME);
+	mirror_l.stats.ms_last_errno = ETIMEDOUT;
+	mirror_peer_close();
+}
+
+/*
+ * Keepalives start only with the peer's control message, which says how
+ * long the peer may stay quiet.  A peer that connects and never speaks
+ * (or never reads ours) would otherwise hold the one connection for ever:
+ * it gets the default keepalive time to finish the exchange.
+ */
+void
+await_control()
+{
+	delete_timer(&mirror_l.control_timer);
+	mirror_l.control_timer = mirror_func->timer_create(mirror_l.task,
+	    "mirror control wait", 0, 0, MIRROR_KEEPALIVE_TIME, control_expiry, nullptr);
+}
+
+/* Both directions are done: from now on the keepalives watch the peer. */
+void
+link_ready()
+{
+	delete_timer(&mirror_l.control_timer);
+	mirror_l.peer_seen = 1;
+	mirror_trace("mirror connection ready");
+}
+
+void
 start_keepalives()
 {
 	start_keepalive_timer(&mirror_l.keepalive_recv_timer, mirror_l.peer.mpi_keepalive,
@@ -265,8 +297,7 @@ control_accepted()
 	mirror_l.rx_cntrl_done = 1;
 	if (mirror_connected()) {
 		mirror_l.retry_period = retry_normal;
-		mirror_l.peer_seen = 1;
-		mirror_trace("mirror connection ready");
+		link_ready();
 		mirror_q_link_up();
 		mirror_report_state(MIRROR_STATE_UP);
 		if (mirror_l.peer.mpi_cntrl_gen == 2)
@@ -587,8 +618,7 @@ mirror_connection_send_cntrl_msg()
 	if (gen != mirror_l.generation)
 		return;
 	if (mirror_connected()) {
-		mirror_l.peer_seen = 1;
-		mirror_trace("mirror connection ready");
+		link_ready();
 		mirror_report_state(MIRROR_STATE_UP);
 		mirror_q_link_up();
 		/*
@@ -614,6 +644,7 @@ mirror_peer_connected()
 	reset_buffers();
 	mirror_func->socket_connected(mirror_l.task, mirror_l.task->fd);
 	delete_timer(&mirror_l.connect_timer);
+	await_control();
 	mirror_trace("mirror connected to %s",
 	    mirror_addr_print(mirror_func->get_addr(mirror_l.task)));
 	mirror_q_send_schedule();
@@ -973,6 +1004,7 @@ mirror_listen_accept_common(mirror_task *, int fd, const mirror_addr *peer)
 		mirror_func->quit(rc);
 	}
 	mirror_trace("mirror accepted %s", mirror_addr_print(peer));
+	await_control();
 	mirror_q_send_schedule();
 	mirror_stop_listen();
 }
@@ -1025,6 +1057,7 @@ mirror_peer_close_actual(const char *func, int line)
 	delete_timer(&mirror_l.connect_timer);
 	delete_timer(&mirror_l.keepalive_send_timer);
 	delete_timer(&mirror_l.keepalive_recv_timer);
+	delete_timer(&mirror_l.control_timer);
 	if (mirror_l.terminating)
 		return;
 	if (mirror_l.st.is_master)

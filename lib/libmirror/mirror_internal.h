@@ -21,6 +21,7 @@ struct mirror_link {
 	mirror_timer	*standby_wait_timer = nullptr;
 	mirror_timer	*keepalive_send_timer = nullptr;
 	mirror_timer	*keepalive_recv_timer = nullptr;
+	mirror_timer	*control_timer = nullptr;	/* until both controls are done */
 	mirror_job	*rx_job = nullptr;	/* a walk cut short resumes here */
 	uint32_t	retry_period = 2;
 	uint8_t		cntrl_written = 0;

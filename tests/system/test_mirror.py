@@ -394,6 +394,17 @@ def test_silent_peer_is_dropped(loopback):
     accept(srv).close()      # and it tries again
 
 
+def test_peer_that_never_speaks_is_dropped(loopback):
+    srv, start = loopback
+    driver = start()
+    conn = accept(srv)
+    # No control message ever comes: the link must not wait for it for ever.
+    assert read_closed(conn)
+    assert "mirror peer sent no control message" in driver.root.trace("mirror-driver")
+    conn.close()
+    accept(srv).close()      # and it tries again
+
+
 @pytest.mark.parametrize("bad", [
     pytest.param(record(2, b"abcd", magic=0xFEEDFACF), id="magic"),
     pytest.param(tlv(1, struct.pack(">BBH", 0, 0, 8) + b"\0" * 8), id="short-def"),
