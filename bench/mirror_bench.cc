@@ -10,6 +10,7 @@
  * mirror / TCP; the best of the runs is kept for each, so that a passing
  * disturbance of the machine does not decide the figure.
  */
+#include "tcp_baseline.h"
 #include "mirror_direct.h"
 
 #include <orx/mirror_data.h>
@@ -211,46 +212,8 @@ run_mirror(const std::string &dir, uint32_t size)
 double
 run_tcp(uint32_t chunk)
 {
-	int lfd = socket(AF_INET, SOCK_STREAM, 0);
-	struct sockaddr_in sin = {};
-	sin.sin_family = AF_INET;
-	sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-	bind(lfd, reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin));
-	listen(lfd, 1);
-	socklen_t len = sizeof(sin);
-	getsockname(lfd, reinterpret_cast<struct sockaddr *>(&sin), &len);
-	pid_t pid = fork();
-	if (pid == 0) {
-		int fd = socket(AF_INET, SOCK_STREAM, 0);
-		if (connect(fd, reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin)) != 0)
-			_exit(1);
-		std::vector<uint8_t> buf(chunk, 0x5a);
-		for (uint64_t sent = 0; sent < total_bytes;) {
-			ssize_t n = write(fd, buf.data(), std::min<uint64_t>(chunk, total_bytes - sent));
-			if (n <= 0)
-				_exit(1);
-			sent += static_cast<uint64_t>(n);
-		}
-		close(fd);
-		_exit(0);
-	}
-	int fd = accept(lfd, nullptr, nullptr);
-	close(lfd);
-	std::vector<uint8_t> buf(1 << 20);
-	uint64_t got = 0;
-	clock_type::time_point start;
-	while (got < total_bytes) {
-		ssize_t n = read(fd, buf.data(), buf.size());
-		if (n <= 0)
-			break;
-		if (got == 0)
-			start = clock_type::now();
-		got += static_cast<uint64_t>(n);
-	}
-	double secs = std::chrono::duration<double>(clock_type::now() - start).count();
-	close(fd);
-	waitpid(pid, nullptr, 0);
-	return secs > 0 ? static_cast<double>(got) / secs : 0;
+	double secs = tcp_pair_seconds(total_bytes, chunk);
+	return secs > 0 ? static_cast<double>(total_bytes) / secs : 0;
 }
 
 } // namespace

@@ -15,6 +15,7 @@
  * of the runs is kept for each figure, so that a passing disturbance of
  * the machine does not decide it.
  */
+#include "tcp_baseline.h"
 #include <orx/mirror_data.h>
 #include <platform/ev.h>
 #include <timers/otimer.h>
@@ -337,46 +338,7 @@ run_queue(const engine_proc &recv, const engine_proc &send, const job &j)
 double
 run_tcp(uint64_t bytes)
 {
-	int lfd = socket(AF_INET, SOCK_STREAM, 0);
-	struct sockaddr_in sin = {};
-	sin.sin_family = AF_INET;
-	sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-	bind(lfd, reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin));
-	listen(lfd, 1);
-	socklen_t len = sizeof(sin);
-	getsockname(lfd, reinterpret_cast<struct sockaddr *>(&sin), &len);
-	pid_t pid = fork();
-	if (pid == 0) {
-		int fd = socket(AF_INET, SOCK_STREAM, 0);
-		if (connect(fd, reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin)) != 0)
-			_exit(1);
-		std::vector<uint8_t> buf(0x20000, 0x5a);
-		for (uint64_t sent = 0; sent < bytes;) {
-			ssize_t n = write(fd, buf.data(), std::min<uint64_t>(buf.size(), bytes - sent));
-			if (n <= 0)
-				_exit(1);
-			sent += static_cast<uint64_t>(n);
-		}
-		close(fd);
-		_exit(0);
-	}
-	int fd = accept(lfd, nullptr, nullptr);
-	close(lfd);
-	std::vector<uint8_t> buf(1 << 20);
-	uint64_t got_bytes = 0;
-	clock_type::time_point start;
-	while (got_bytes < bytes) {
-		ssize_t n = read(fd, buf.data(), buf.size());
-		if (n <= 0)
-			break;
-		if (got_bytes == 0)
-			start = clock_type::now();
-		got_bytes += static_cast<uint64_t>(n);
-	}
-	double secs = std::chrono::duration<double>(clock_type::now() - start).count();
-	close(fd);
-	waitpid(pid, nullptr, 0);
-	return secs;
+	return tcp_pair_seconds(bytes, 0x20000);
 }
 
 } // namespace
