@@ -1,6 +1,7 @@
 #include "platform/dax.h"
 #include "platform/paths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -106,4 +107,26 @@ extern "C" int ddl_access_object_find_by_name(ddl_handle_t *parent,
 extern "C" void ddl_access_release(ddl_handle_t *obj)
 {
 	delete obj;
+}
+
+extern "C" int dax_config_value(const char *const *path, char *value,
+                                size_t len)
+{
+	std::ifstream in(tolvar::path(DAX_CONFIG_PATH));
+	std::vector<std::string> want;
+	for (const char *const *p = path; *p != nullptr; p++)
+		want.emplace_back(*p);
+	std::string line;
+	while (in && std::getline(in, line)) {
+		std::vector<std::string> words;
+		if (!parse_line(line, &words) || words.size() <= want.size() ||
+		    !std::equal(want.begin(), want.end(), words.begin()))
+			continue;
+		const std::string &v = words[want.size()];
+		if (v.size() >= len)
+			return 0;
+		memcpy(value, v.c_str(), v.size() + 1);
+		return 1;
+	}
+	return 0;
 }

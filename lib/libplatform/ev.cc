@@ -56,6 +56,8 @@ struct conn_reg {
 	evFileID file{};
 	uint64_t id = 0;
 	bool dead = false;
+	bool paused = false;	/* listen: not watched until pause_timer */
+	evTimerID pause_timer{};
 };
 
 struct ev_timer {
@@ -98,6 +100,9 @@ struct ev_context {
 	evSyncFunc sync = nullptr;
 	void *sync_uap = nullptr;
 	bool stop = false;
+	/* Held for a listener to accept and close with when the descriptor
+	 * table is full; opened with the first listen. */
+	int spare_fd = -1;
 	bool signals_blocked = false;
 	sigset_t wait_mask;
 };
@@ -323,6 +328,55 @@ int loop_turn(ev_context *ctx, int timeout_ms)
 
 void conn_ready(evContext c, void *uap, int fd, int mask);
 
+void listen_ready(evContext c, void *uap, int fd, int mask);
+
+int open_spare(void)
+{
+	return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void listen_resume(evContext c, void *uap, struct timespec, struct timespec)
+{
+	conn_reg *cr = static_cast<conn_reg *>(uap);
+	cr->paused = false;
+	if (!cr->dead)
+		(void)__evSelectFD(c, cr->fd, EV_READ, listen_ready, cr, &cr->file);
+}
+
+/*
+ * accept failed for want of a descriptor or of memory, with a connection
+ * still waiting: the listener stays readable, and a level-triggered loop
+ * would call us again at once, for ever.  Give the spare descriptor up
+ * for a moment to take that connection and close it, so that its client
+ * hears at once instead of hanging; when even that fails, stop watching
+ * the listener for a moment.  The handler is told either way.
+ */
+void listen_overloaded(evContext c, conn_reg *cr, int err)
+{
+	ev_context *ctx = ctx_of(c);
+	bool shed = false, spent = ctx->spare_fd >= 0;
+	if (spent) {
+		close(ctx->spare_fd);
+		int nfd = accept4(cr->fd, nullptr, nullptr, SOCK_CLOEXEC);
+		if (nfd >= 0) {
+			close(nfd);
+			shed = true;
+		}
+	}
+	/* With the spare still free, so that the handler can log. */
+	errno = err;
+	cr->func(c, cr->uap, -1, nullptr, 0, nullptr, 0);
+	if (spent)
+		ctx->spare_fd = open_spare();
+	if ((!shed || ctx->spare_fd < 0) && !cr->paused && !cr->dead &&
+	    __evSetTimer(c, listen_resume, cr,
+	                 __evAddTime(__evNowTime(), __evConsTime(0, 100000000)),
+	                 __evConsTime(0, 0), &cr->pause_timer) == 0) {
+		__evDeselectFD(c, cr->file);
+		cr->paused = true;
+	}
+}
+
 void listen_ready(evContext c, void *uap, int fd, int mask)
 {
 	(void)mask;
@@ -331,8 +385,13 @@ void listen_ready(evContext c, void *uap, int fd, int mask)
 	socklen_t ralen = sizeof(ra), lalen = sizeof(la);
 	int nfd = accept4(fd, reinterpret_cast<struct sockaddr *>(&ra), &ralen,
 	                  SOCK_CLOEXEC);
-	if (nfd < 0)
-		return;	/* EAGAIN or a connection that went away: nothing to do */
+	if (nfd < 0) {
+		if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS ||
+		    errno == ENOMEM)
+			listen_overloaded(c, cr, errno);
+		/* EAGAIN or a connection that went away: nothing to do */
+		return;
+	}
 	if (getsockname(nfd, reinterpret_cast<struct sockaddr *>(&la), &lalen) != 0)
 		lalen = 0;
 	cr->func(c, cr->uap, nfd, &la, static_cast<int>(lalen), &ra,
@@ -341,7 +400,10 @@ void listen_ready(evContext c, void *uap, int fd, int mask)
 
 void kill_conn(ev_context *ctx, conn_reg *cr)
 {
-	__evDeselectFD(handle_of(ctx), cr->file);
+	if (cr->paused)
+		__evClearTimer(handle_of(ctx), cr->pause_timer);
+	else
+		__evDeselectFD(handle_of(ctx), cr->file);
 	if (!cr->listening)
 		fcntl(cr->fd, F_SETFL, cr->saved_flags);
 	cr->dead = true;
@@ -417,6 +479,8 @@ int __evDestroy(evContext c)
 	for (auto &entry : ctx->timer_ids)
 		delete entry.second;
 	reap_dead(ctx);
+	if (ctx->spare_fd >= 0)
+		close(ctx->spare_fd);
 	close(ctx->epfd);
 	delete ctx;
 	return 0;
@@ -527,6 +591,8 @@ int __evListen(evContext c, int fd, int maxconn, evConnFunc func, void *uap,
 	ev_context *ctx = ctx_of(c);
 	if (listen(fd, maxconn) != 0)
 		return -1;
+	if (ctx->spare_fd < 0)
+		ctx->spare_fd = open_spare();
 	int flags = fcntl(fd, F_GETFL);
 	fcntl(fd, F_SETFL, flags | O_NONBLOCK);
 	auto *cr = new conn_reg{ctx, fd, true, flags, func, uap};

@@ -51,6 +51,25 @@ struct sdb_scale {
 const sdb_scale &sdb_scale_get(void);
 uint32_t sdb_scale_bucket_count(uint32_t clients, bool big_memory);
 
+/*
+ * Access to what keel makes (env/access.cc): refresh reads the
+ * configuration; the others narrow an object to root and the group.
+ */
+void sdb_access_refresh(void);
+mode_t sdb_access_ipc_mode(void);
+void sdb_access_shm(int id);
+void sdb_access_sem(int id);
+void sdb_access_file(int fd);
+/* Remember why a system call of the open failed; EACCES wins. */
+void sdb_note_open_errno(int e);
+/*
+ * keel found the store at path, open as fd, damaged for the reason what:
+ * copy it aside as "<path>.damaged.<time>" and send the event.  0 when
+ * the copy is kept and the caller may make the store again; -1 when it
+ * could not be kept, and the caller must leave the store alone.
+ */
+int sdb_store_damaged(int fd, const std::string &path, const char *what);
+
 /* Stores, in the order the environment opens them. */
 int sdb_segment_attach(bool is_keel);
 void sdb_segment_detach(void);

@@ -25,6 +25,10 @@
 
 namespace {
 
+constexpr size_t max_barrier_bytes = TOLVARD_LOCAL_SOCKBUF;
+static_assert(max_barrier_bytes + sizeof(tolvard_reg_msg) <=
+    TOLVARD_LOCAL_RECV_MAX);
+
 /* Words of the body: decimal, 0x hexadecimal or 0 octal, at most 32 bits. */
 bool parse_words(int argc, char **argv, std::vector<uint32_t> &words)
 {
@@ -151,10 +155,19 @@ int sdbctl_barrier(int argc, char **argv)
 	std::vector<uint32_t> words;
 	if (!parse_words(argc - optind, argv + optind, words))
 		return SDBCTL_EXIT_USAGE;
-	/* One read of the daemon takes the whole message or nothing. */
-	if (tolvard_ack_size(static_cast<uint32_t>(words.size())) +
-	    sizeof(tolvard_reg_msg) > TOLVARD_LOCAL_RECV_MAX) {
-		fprintf(stderr, "sdbctl: too many words\n");
+	/*
+	 * tolvard takes a message in one read and echoes it in one send of
+	 * its socket buffer: a bigger barrier would be torn on the way in
+	 * or could never be echoed whole.
+	 */
+	size_t size = static_cast<size_t>(
+	    tolvard_ack_size(static_cast<uint32_t>(words.size())));
+	if (size > max_barrier_bytes) {
+		fprintf(stderr, "sdbctl: a barrier of %zu bytes is larger than "
+		    "tolvard's socket buffer of %d bytes: at most %zu words\n",
+		    size, TOLVARD_LOCAL_SOCKBUF,
+		    (max_barrier_bytes - sizeof(tolvard_ack_msg)) /
+		    sizeof(uint32_t));
 		return SDBCTL_EXIT_USAGE;
 	}
 

@@ -12,10 +12,12 @@
 #include "keel.h"
 #include "keel_server_internal.h"
 
+#include <platform/access.h>
 #include <platform/chassis.h>
 #include <platform/logging.h>
 #include <platform/paths.h>
 #include <platform/process.h>
+#include <platform/timescale.h>
 
 #include <cerrno>
 #include <csignal>
@@ -48,7 +50,13 @@ struct server {
 	bool purging = false;
 	int master = 0;
 	uint32_t chassis_issu = KEEL_CHASSIS_IDLE;
+	bool refusing = false;	/* the last accept failed */
+	bool sweeping = false;
+	evTimerID sweep_id{};
 };
+
+/* Room in keel's backlog for a burst of clients that all start at once. */
+constexpr int listen_backlog = 1024;
 
 server srv;
 
@@ -226,13 +234,52 @@ on_readable(evContext, void *uap, int, int)
 	(void)keel_server_feed(c, buf, static_cast<size_t>(n));
 }
 
+const char *const accept_attrs[] = {"error-message", nullptr};
+
+/*
+ * fd -1: the event library could not take a connection for want of
+ * descriptors or memory, and has refused it.  One event for each run of
+ * refusals, a trace line for every one.
+ */
 void
 on_accept(evContext, void *, int fd, const void *, int, const void *, int)
 {
-	if (fd < 0)
+	if (fd < 0) {
+		const char *why = strerror(errno);
+		keel_server_log(LOG_PRI_INTERNAL_ERR,
+		    "Unable to accept a connection: %s, refused", why);
+		if (!srv.refusing)
+			logging_event(3, "KEEL_ACCEPT_FAILED", accept_attrs,
+			    "KEEL_ACCEPT_FAILED: Unable to accept a connection: "
+			    "%s", why);
+		srv.refusing = true;
 		return;
+	}
+	srv.refusing = false;
 	if (keel_server_adopt(fd) == nullptr)
 		close(fd);
+}
+
+/*
+ * Drop every connection that has not registered within the bound, or
+ * whose message has been half-sent for longer: each would otherwise hold
+ * a descriptor of keel for ever.
+ */
+void
+sweep_idle(evContext, void *, struct timespec, struct timespec)
+{
+	struct timespec now = __evNowTime();
+	struct timespec bound = tolvar_scaled_secs(KEEL_CLIENT_IDLE_SECS);
+	auto past = [&](struct timespec since) {
+		return __evCmpTime(__evSubTime(now, since), bound) > 0;
+	};
+	for (keel_conn *c = srv.conns, *next; c != nullptr; c = next) {
+		next = c->next;
+		if (c->have != 0 && past(c->partial_at))
+			reject(c, "message left half-sent");
+		else if (!c->registered && past(c->accepted_at))
+			reject(c, "no registration in time");
+	}
 }
 
 int
@@ -359,6 +406,8 @@ keel_server_feed(keel_conn *c, const uint8_t *data, size_t len)
 		if (len == 0)
 			return true;
 		size_t take = want - c->have < len ? want - c->have : len;
+		if (c->have == 0)
+			c->partial_at = __evNowTime();
 		memcpy(c->buf + c->have, data, take);
 		c->have += take;
 		data += take;
@@ -373,6 +422,7 @@ keel_server_adopt(int fd)
 	if (c == nullptr)
 		return nullptr;
 	c->fd = fd;
+	c->accepted_at = __evNowTime();
 	(void)fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 	(void)fcntl(fd, F_SETFD, FD_CLOEXEC);
 	if (srv.running) {
@@ -470,9 +520,13 @@ keel_server_init(evContext ctx, keel_server_log_fn log, void *log_ctx)
 	memset(&sun, 0, sizeof(sun));
 	sun.sun_family = AF_UNIX;
 	memcpy(sun.sun_path, path, strlen(path) + 1);
-	if (bind(srv.listen_fd, reinterpret_cast<struct sockaddr *>(&sun),
-	    sizeof(sun)) != 0 || chmod(path, 0666) != 0 ||
-	    __evListen(ctx, srv.listen_fd, 64, on_accept, nullptr,
+	/* Root's, and the configured group's: see access.h. */
+	struct tolvar_access access;
+	tolvar_access_get(&access);
+	if (tolvar_access_bind(srv.listen_fd,
+	    reinterpret_cast<struct sockaddr *>(&sun), sizeof(sun), path,
+	    &access) != 0 ||
+	    __evListen(ctx, srv.listen_fd, listen_backlog, on_accept, nullptr,
 	    &srv.listen_id) != 0) {
 		int e = errno;
 		keel_server_log(LOG_PRI_INTERNAL_ERR,
@@ -483,6 +537,10 @@ keel_server_init(evContext ctx, keel_server_log_fn log, void *log_ctx)
 		return -1;
 	}
 	srv.running = true;
+	/* Swept four times within the bound, so none outstays it by much. */
+	struct timespec every = tolvar_scaled_secs(KEEL_CLIENT_IDLE_SECS / 4.0);
+	srv.sweeping = __evSetTimer(ctx, sweep_idle, nullptr,
+	    __evAddTime(__evNowTime(), every), every, &srv.sweep_id) == 0;
 	keel_server_log(LOG_PRI_INTERNAL_INFO, "Listening on %s as %s",
 	    path, role_name(srv.master));
 	const char *control = getenv("TOLVAR_KEEL_TEST_CONTROL");
@@ -499,6 +557,9 @@ keel_server_shutdown(void)
 	char path[sizeof(((struct sockaddr_un *)nullptr)->sun_path)];
 
 	keel_server_control_shutdown();
+	if (srv.sweeping)
+		(void)__evClearTimer(srv.ctx, srv.sweep_id);
+	srv.sweeping = false;
 	keel_server_drop_all();
 	if (srv.listen_fd >= 0) {
 		(void)__evCancelConn(srv.ctx, srv.listen_id);

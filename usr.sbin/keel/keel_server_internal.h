@@ -27,8 +27,17 @@ struct keel_conn {
 	std::string name;
 	uint32_t pid = 0;
 	keel_issu_block issu{};
+	struct timespec accepted_at{};	/* on the event library's clock */
+	struct timespec partial_at{};	/* the message in buf began */
 	keel_conn *next = nullptr;
 };
+
+/*
+ * How long a connection may stay without a registration, or a message
+ * stay half-sent.  A client sends its registration as it connects, whole;
+ * only a stuck or hostile one is ever near this.
+ */
+#define KEEL_CLIENT_IDLE_SECS	10
 
 /* What the test control can make keel do. */
 struct keel_server_override {

@@ -3,8 +3,9 @@
  *
  * Invariant: at most one open attempt is pending, as the one-shot
  * db_retry_timer; every path into tolvard_open() stops it first.  Failures
- * that keel reports as "try later" (-19) retry for ever at the back-off
- * delay; any other failure counts, and the eleventh counted failure ends
+ * that keel reports as "try later" (-19), and a keel that cannot be
+ * reached (-26), retry for ever at the back-off delay; any other failure
+ * counts, and the eleventh counted failure ends
  * the process, since a daemon that cannot open the database is of no use
  * and the system will start it again.
  */
@@ -88,7 +89,9 @@ void tolvard_open(void)
 	/* Nothing is open after a failed registration: say so to the
 	 * readers of db_up (the local server and the poll). */
 	tolvard_state.db_up = 0;
-	if (rc != SDB_ERR_NOT_STARTED)
+	/* keel not there to take the connection (restarting, or its
+	 * backlog full for the whole wait) is "try later" as well. */
+	if (rc != SDB_ERR_NOT_STARTED && rc != SDB_ERR_KEEL_CONNECT)
 		tolvard_state.db_attempts++;
 	if (rc == SDB_ERR_UNSUPPORTED) {
 		tolvard_trace(TRACE_DB, "DB %s, will not retry", sdb_strerror(rc));

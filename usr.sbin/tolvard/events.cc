@@ -59,6 +59,8 @@ constexpr std::array<tolvard_event_def, TOLVARD_EVENT_COUNT> events = {{
 	 attr_error_code, "Failed to start replication, err:%d"},
 	{TOLVARD_RESTART_CREATE_FAILED, "TOLVARD_RESTART_CREATE_FAILED", 3,
 	 attr_system_seconds, "Failed to create timer for restart, sleep for %u secs"},
+	{TOLVARD_SERVER_ACCEPT_FAILED, "TOLVARD_SERVER_ACCEPT_FAILED", 3,
+	 attr_error_message, "Unable to accept a local client connection: %s"},
 	{TOLVARD_KEEL_UNREGISTER_FAILED, "TOLVARD_KEEL_UNREGISTER_FAILED", 3,
 	 attr_name_error, "Failed to close %s, err:%s"},
 	{TOLVARD_TIMER_CREATE_FAILED, "TOLVARD_TIMER_CREATE_FAILED", 3,

@@ -9,8 +9,10 @@
  * so a client that stops reading cannot stall the daemon.
  */
 #include "server.h"
+#include "events.h"
 #include "keel_client.h"
 
+#include <platform/access.h>
 #include <platform/logging.h>
 #include <platform/paths.h>
 
@@ -29,6 +31,7 @@ namespace {
 
 evConnID listen_id;
 bool listening;
+bool refusing;	/* the last accept failed */
 
 /* One read at a time, on one thread: a single buffer serves every client. */
 uint8_t recv_buf[TOLVARD_LOCAL_RECV_MAX];
@@ -216,7 +219,15 @@ int tolvard_server_init(void)
 	if (path.size() < sizeof(sun.sun_path)) {
 		memcpy(sun.sun_path, path.c_str(), path.size() + 1);
 		unlink(sun.sun_path);
-		rc = bind(fd, reinterpret_cast<struct sockaddr *>(&sun), sizeof(sun));
+		/* Root's, and the configured group's: see access.h. */
+		struct tolvar_access access;
+		tolvar_access_get(&access);
+		if (access.unknown_group[0] != '\0')
+			tolvard_trace(TRACE_SERVER, "Unknown group %s, the socket "
+			    "is for root only", access.unknown_group);
+		rc = tolvar_access_bind(fd,
+		    reinterpret_cast<struct sockaddr *>(&sun), sizeof(sun),
+		    sun.sun_path, &access);
 	} else {
 		/* A root too deep for a socket name: say so as a bind error. */
 		errno = ENAMETOOLONG;
@@ -274,6 +285,18 @@ void tolvard_server_listen(evContext ctx, void *arg, int fd, const void *la,
 	(void)lalen;
 	(void)ra;
 	(void)ralen;
+	if (fd < 0) {
+		/* The event library refused a connection for want of
+		 * descriptors or memory: one event for each run of them. */
+		const char *why = strerror(errno);
+		tolvard_trace(TRACE_SERVER,
+		    "Unable to accept a connection, err %s", why);
+		if (!refusing)
+			tolvard_event(TOLVARD_SERVER_ACCEPT_FAILED, why);
+		refusing = true;
+		return;
+	}
+	refusing = false;
 	auto *conn = static_cast<struct tolvard_conn *>(
 	    calloc(1, sizeof(struct tolvard_conn)));
 	if (conn == nullptr) {

@@ -12,6 +12,9 @@
 
 extern "C" int sdb_open_internal(bool is_keel)
 {
+	sdb_open_errno_clear();
+	if (is_keel)
+		sdb_access_refresh();
 	for (const char *dir : {SDB_SHMEM_DIR, SDB_TMP_DIR}) {
 		std::string p = sdb_store_path(dir);
 		if (tolvar_mkdirs(p.c_str(), 0755) != 0)

@@ -64,13 +64,15 @@ int sdb_segment_attach(bool is_keel)
 	std::string key_file = sdb_store_path(SDB_SHM_KEY_FILE);
 	key_t key = ftok(key_file.c_str(), SDB_SHM_PROJECT);
 	if (key == (key_t)-1) {
+		sdb_note_open_errno(errno);
 		sdb_trace(SDB_TRACE_ERR, "Failed to get shared memory");
 		return SDB_ERR_FATAL;
 	}
 	uint32_t size = expected_size();
 	bool created = false;
-	int id = shmget(key, size, 0666);
+	int id = shmget(key, size, 0600);	/* asks for read and write */
 	if (id < 0) {
+		sdb_note_open_errno(errno);
 		if (!is_keel || errno != ENOENT) {
 			/* EINVAL: a segment of another layout (the id-space
 			 * class changed).  Never replace it: it holds ids. */
@@ -78,7 +80,8 @@ int sdb_segment_attach(bool is_keel)
 			return SDB_ERR_FATAL;
 		}
 		sdb_trace(SDB_TRACE_INFO, "shared memory does not exist");
-		id = shmget(key, size, IPC_CREAT | IPC_EXCL | 0666);
+		id = shmget(key, size, IPC_CREAT | IPC_EXCL |
+		    sdb_access_ipc_mode());
 		if (id < 0) {
 			sdb_trace(SDB_TRACE_ERR, "Failed to create shared memory");
 			return SDB_ERR_FATAL;
@@ -87,6 +90,8 @@ int sdb_segment_attach(bool is_keel)
 	} else {
 		sdb_trace(SDB_TRACE_INFO, "shared memory exist");
 	}
+	if (is_keel)
+		sdb_access_shm(id);
 	struct shmid_ds ds;
 	if (shmctl(id, IPC_STAT, &ds) != 0 || ds.shm_segsz != size) {
 		/* A segment of the other id-space class would put every
@@ -98,6 +103,7 @@ int sdb_segment_attach(bool is_keel)
 	}
 	void *p = shmat(id, nullptr, 0);
 	if (p == (void *)-1) {
+		sdb_note_open_errno(errno);
 		sdb_trace(SDB_TRACE_ERR, "Failed to attach shared memory");
 		sdb_trace(SDB_TRACE_ERR, "Failed to init shared memory %d",
 		    SDB_ERR_FATAL);

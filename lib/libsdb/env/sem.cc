@@ -84,9 +84,11 @@ extern "C" int sdb_sem_init(bool is_keel)
 {
 	if (sem_id >= 0)
 		return 0;
-	int id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0666);
+	int id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0600);	/* alter and read */
 	if (id >= 0) {
 		sdb_trace(SDB_TRACE_INFO, "semaphore exist");
+		if (is_keel)
+			sdb_access_sem(id);
 		if (!set_is_ready(id)) {
 			if (!is_keel) {
 				sdb_trace(SDB_TRACE_ERR, "Failed to get semaphore");
@@ -98,16 +100,19 @@ extern "C" int sdb_sem_init(bool is_keel)
 		sem_id = id;
 		return 0;
 	}
+	sdb_note_open_errno(errno);
 	if (!is_keel) {
 		sdb_trace(SDB_TRACE_ERR, "Failed to get semaphore");
 		return SDB_ERR_FATAL;
 	}
 	sdb_trace(SDB_TRACE_INFO, "semaphore does not exist");
-	id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, IPC_CREAT | 0666);
+	id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, IPC_CREAT |
+	    sdb_access_ipc_mode());
 	if (id < 0) {
 		sdb_trace(SDB_TRACE_ERR, "Failed to init semaphore");
 		return SDB_ERR_FATAL;
 	}
+	sdb_access_sem(id);
 	if (!set_is_ready(id) && set_initial_values(id) != 0)
 		return SDB_ERR_FATAL;
 	sem_id = id;

@@ -23,6 +23,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -212,19 +213,27 @@ keel_connect(keel_handle *h)
 	socklen_t len = static_cast<socklen_t>(offsetof(struct sockaddr_un,
 	    sun_path) + strlen(path) + 1);
 	/*
-	 * A keel that has stopped accepting must not hold us: a unix
-	 * connect blocks once keel's backlog is full, so it is made without
-	 * waiting (a full backlog fails with EAGAIN) and the socket goes
-	 * back to blocking afterwards.
+	 * A full backlog means "try again shortly", not a failure: a unix
+	 * connect then waits for room, for at most the send timeout, and
+	 * fails with EAGAIN only when keel has taken nobody for that long.
+	 * The wait is bounded like the answer's, by timeout_ms, so a keel
+	 * that has stopped accepting cannot hold us for longer.
 	 */
+	struct timeval tv = {static_cast<time_t>(h->timeout_ms / 1000),
+	    static_cast<suseconds_t>(h->timeout_ms % 1000 * 1000)};
+	struct timeval old_tv = {0, 0};
+	socklen_t tvlen = sizeof(old_tv);
+	(void)getsockopt(h->fd, SOL_SOCKET, SO_SNDTIMEO, &old_tv, &tvlen);
+	(void)setsockopt(h->fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
 	int flags = fcntl(h->fd, F_GETFL);
-	(void)fcntl(h->fd, F_SETFL, flags | O_NONBLOCK);
+	(void)fcntl(h->fd, F_SETFL, flags & ~O_NONBLOCK);
 	int rc;
 	do {
 		rc = connect(h->fd, reinterpret_cast<struct sockaddr *>(&sun), len);
 	} while (rc != 0 && errno == EINTR);
 	int err = errno;
-	(void)fcntl(h->fd, F_SETFL, flags & ~O_NONBLOCK);
+	(void)setsockopt(h->fd, SOL_SOCKET, SO_SNDTIMEO, &old_tv,
+	    sizeof(old_tv));
 	errno = err;
 	if (rc != 0) {
 		keel_error(h, "Unable to connect to KEEL socket: %s",

@@ -5,10 +5,14 @@
  * step, in this order.
  *
  * Invariant: a header whose magic is set is complete.  The magic is
- * written last, so a keel that died while creating the object leaves one
- * that the next keel initialises again and that clients refuse.
+ * written last (but for master_time, which the next keel fills in), so a
+ * keel that died while creating the object leaves one that the next keel
+ * initialises again and that clients refuse.  A header with any other
+ * bytes and no magic is damaged: keel keeps it aside before it starts
+ * afresh.
  */
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -27,6 +31,14 @@ size_t head_len;
 int head_fd = -1;
 uint32_t bucket_count;
 
+bool all_zero(const uint8_t *p, size_t len)
+{
+	for (size_t i = 0; i < len; i++)
+		if (p[i] != 0)
+			return false;
+	return true;
+}
+
 size_t head_size(uint32_t buckets)
 {
 	return (size_t)buckets * SDB_LTS_BUCKET_SIZE + SDB_LTS_HEADER_SIZE;
@@ -37,6 +49,7 @@ int open_client(const std::string &path, size_t len)
 {
 	int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
 	if (fd < 0) {
+		sdb_note_open_errno(errno);
 		sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
 		    path.c_str(), strerror(errno));
 		return -1;
@@ -70,6 +83,7 @@ int open_keel(const std::string &path, size_t len)
 			return -1;
 		}
 	}
+	sdb_access_file(fd);
 	struct stat st;
 	if (fstat(fd, &st) != 0) {
 		close(fd);
@@ -79,14 +93,24 @@ int open_keel(const std::string &path, size_t len)
 		return fd;
 	if (st.st_size != 0) {
 		/*
-		 * A header of another bucket count: its sessions hash to
-		 * other buckets.  Refuse rather than resize it, so that
-		 * nothing of it is lost; a purge starts afresh.
+		 * A header of another bucket count, or a damaged one: its
+		 * sessions hash to other buckets, if anywhere.  Its bytes
+		 * are kept aside and the header made again at the size
+		 * this class needs; one that cannot be kept is refused.
 		 */
-		sdb_trace(SDB_TRACE_ERR, "Truncate failed, len %d, errno %s",
-		    (int)len, "existing object has another size");
-		close(fd);
-		return -1;
+		char what[80];
+		snprintf(what, sizeof(what), "%lld bytes, not %zu",
+		    (long long)st.st_size, len);
+		if (sdb_store_damaged(fd, path, what) != 0) {
+			sdb_trace(SDB_TRACE_ERR,
+			    "Truncate failed, len %d, errno %s", (int)len,
+			    "existing object has another size");
+			close(fd);
+			return -1;
+		}
+		if (ftruncate(fd, 0) != 0)
+			sdb_trace(SDB_TRACE_ERR, "Truncate failed, len %d, "
+			    "errno %s", 0, strerror(errno));
 	}
 	if (ftruncate(fd, (off_t)len) != 0) {
 		sdb_trace(SDB_TRACE_ERR, "Truncate failed, len %d, errno %s",
@@ -125,11 +149,22 @@ int open_head(bool is_keel)
 			close(fd);
 			return SDB_ERR_NOMEM;
 		}
+		/*
+		 * All zero is a header that was never finished (the magic
+		 * goes last); anything else held counters, locks and
+		 * chains, which are kept aside before they are wiped.
+		 */
+		if (!all_zero(static_cast<const uint8_t *>(p), len) &&
+		    sdb_store_damaged(fd, path, "bad magic") != 0) {
+			munmap(p, len);
+			close(fd);
+			return SDB_ERR_NOMEM;
+		}
 		sdb_trace(SDB_TRACE_INFO, "INIT MEMORY");
 		memset(p, 0, len);
+		sdb_word(h->magic).store(SDB_LTS_MAGIC);
 		if (sdb_is_master)
 			h->master_time = (uint32_t)time(nullptr);
-		sdb_word(h->magic).store(SDB_LTS_MAGIC);
 	} else {
 		sdb_trace(SDB_TRACE_INFO, "PRESENT");
 		if (is_keel) {

@@ -8,6 +8,7 @@
  * half-built header.
  */
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -51,6 +52,7 @@ bool map_existing(const std::string &path)
 	unmap_and_close();
 	int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
 	if (fd < 0) {
+		sdb_note_open_errno(errno);
 		sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
 		    path.c_str(), strerror(errno));
 		return false;
@@ -78,6 +80,82 @@ bool usable(void)
 	    info_ptr->global_size != 0;
 }
 
+/*
+ * What is wrong with a header that claims to be built, or nullptr.  The
+ * words checked are those every table operation trusts: a size beyond the
+ * file, or an offset beyond the size, would send it outside the mapping.
+ */
+const char *header_fault(const sdb_db_info *p, off_t file_size)
+{
+	uint32_t global = p->global_size;
+	if (p->initialized != 1)
+		return "bad initialised word";
+	if (global < SDB_DB_INFO_SIZE || (off_t)global > file_size)
+		return "size word beyond the file";
+	if (p->grow_step == 0 || p->grow_step > global)
+		return "bad growth step";
+	if (p->next_offset < SDB_DB_INFO_SIZE || p->next_offset > global)
+		return "next offset beyond the size";
+	if (p->lock_type < -1 || p->lock_type > 1)
+		return "bad lock type";
+	const uint32_t offsets[] = {p->intf_free_list_head,
+	    p->session_free_list_head, p->ls_free_list_head,
+	    p->ri_free_list_head, p->parent_free_list_head,
+	    p->child_free_list_head, p->app_def_free_list_head,
+	    p->app_def_free_list_head12, p->uid_free_list_head,
+	    p->bucket_free_list_head[0], p->bucket_free_list_head[1],
+	    p->bucket_free_list_head[2], p->bucket_free_list_head[3],
+	    p->bucket_free_list_head[4], p->bucket_free_list_head[5],
+	    p->intf_root, p->uid_root, p->ls_root, p->ri_root,
+	    p->parent_root, p->app_def_root};
+	static_assert(SDB_STRING_BUCKETS == 6);
+	for (uint32_t off : offsets)
+		if (off != 0 && (off < SDB_DB_INFO_SIZE || off >= p->next_offset))
+			return "table offset beyond the used part";
+	return nullptr;
+}
+
+bool all_zero(const void *p, size_t len)
+{
+	const uint8_t *b = static_cast<const uint8_t *>(p);
+	for (size_t i = 0; i < len; i++)
+		if (b[i] != 0)
+			return false;
+	return true;
+}
+
+/*
+ * keel, before it makes the object: one that has bytes but is not whole
+ * is damaged.  Its bytes are kept aside; the tables are derived from the
+ * long-term store, so the object is then made again and rebuilt.  false
+ * when it could not be kept: it is then left alone.
+ */
+bool keep_if_damaged(const std::string &path)
+{
+	int fd = sdb_mem_fd;
+	const char *fault = nullptr;
+	struct stat st;
+	if (fd >= 0) {
+		if (fstat(fd, &st) == 0)
+			fault = header_fault(info_ptr, st.st_size);
+		if (fault != nullptr && info_ptr->initialized == 0 &&
+		    all_zero(info_ptr, SDB_DB_INFO_SIZE))
+			fault = nullptr;	/* never built: nothing to keep */
+		if (fault == nullptr)
+			return true;
+		return sdb_store_damaged(fd, path, fault) == 0;
+	}
+	/* Too short to map: damaged when it has anything in it. */
+	fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+	if (fd < 0)
+		return true;
+	bool ok = true;
+	if (fstat(fd, &st) == 0 && st.st_size > 0)
+		ok = sdb_store_damaged(fd, path, "shorter than a header") == 0;
+	close(fd);
+	return ok;
+}
+
 int create_object(const std::string &path)
 {
 	unmap_and_close();
@@ -87,6 +165,16 @@ int create_object(const std::string &path)
 		    path.c_str(), strerror(errno));
 		return SDB_ERR_NOMEM;
 	}
+	sdb_access_file(fd);
+	/*
+	 * Made again over an old object: never shrink it, another process
+	 * may still map all of it.  The tables start afresh either way.
+	 */
+	uint32_t grow_step = sdb_my_len;
+	struct stat st;
+	if (fstat(fd, &st) == 0 && st.st_size > (off_t)sdb_my_len &&
+	    st.st_size <= (off_t)UINT32_MAX)
+		sdb_my_len = (uint32_t)st.st_size;
 	if (ftruncate(fd, sdb_my_len) != 0) {
 		sdb_trace(SDB_TRACE_ERR,
 		    "Initial truncate failed on file %s for len: %d",
@@ -110,7 +198,7 @@ int create_object(const std::string &path)
 	memset(p, 0, sdb_my_len);
 	info_ptr = p;
 	sdb_mem_fd = fd;
-	p->grow_step = sdb_my_len;
+	p->grow_step = grow_step;
 	sdb_db_tables_reset();
 	p->global_size = sdb_my_len;
 	sdb_word(p->initialized).store(1);
@@ -211,7 +299,19 @@ extern "C" int sdb_db_secondary_init(bool is_keel, bool is_locked)
 		std::string path = sdb_store_path(SDB_INTF_FILE);
 		tolvar_mkdirs(sdb_store_path(SDB_SHMEM_DIR).c_str(), 0755);
 		map_existing(path);
-		if (!usable()) {
+		if (is_keel && !keep_if_damaged(path)) {
+			unmap_and_close();
+			release();
+			return SDB_ERR_NOMEM;
+		}
+		struct stat st;
+		const char *fault = nullptr;
+		if (usable() && fstat(sdb_mem_fd, &st) == 0)
+			fault = header_fault(info_ptr, st.st_size);
+		if (fault != nullptr && !is_keel)
+			sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
+			    path.c_str(), fault);
+		if (!usable() || fault != nullptr) {
 			int rc = is_keel ? create_object(path) : SDB_ERR_NOMEM;
 			if (rc != 0) {
 				unmap_and_close();

@@ -38,6 +38,14 @@ int ddl_access_object_find_by_name(ddl_handle_t *parent, const char *const *path
                                    size_t errlen);
 void ddl_access_release(ddl_handle_t *obj);
 
+/*
+ * The word that follows path (a NULL-terminated list of names) in the
+ * first set-line that has it, read from the file now; the open database,
+ * if any, is left alone.  True with value filled, false when the file or
+ * the statement is missing or has no value.
+ */
+int dax_config_value(const char *const *path, char *value, size_t len);
+
 #ifdef __cplusplus
 }
 #endif

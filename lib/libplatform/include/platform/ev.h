@@ -47,6 +47,12 @@ typedef void (*evTimerFunc)(evContext ctx, void *uap, struct timespec due,
  * refused TCP connect) makes __evConnect() itself return -1 with errno, and
  * the handler is not called.
  *
+ * A listen handler called with fd -1 was refused a connection for want of
+ * descriptors or memory (errno: EMFILE, ENFILE, ENOBUFS or ENOMEM).  The
+ * library has then closed that connection at once, with a descriptor it
+ * keeps spare for this, or stopped watching the listener for a moment: a
+ * full descriptor table never makes the loop spin.
+ *
  * IDs are serial numbers, never reused: an ID whose registration is gone
  * (a fired one-shot timer, a completed connect, a deselected descriptor)
  * is refused with ENOENT.

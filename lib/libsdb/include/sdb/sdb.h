@@ -62,6 +62,13 @@ extern "C" {
 const char *sdb_strerror(int code);
 /* Operating system errno (positive) or library code to a library code. */
 int sdb_map_error(int code);
+/*
+ * The errno of the system call that failed in the last open of the stores
+ * by this process (EACCES in preference), 0 when none failed; a status
+ * code alone cannot tell "no permission" from "not made yet".
+ */
+int sdb_open_errno(void);
+void sdb_open_errno_clear(void);
 
 /* Trace levels of sdb_trace_fn. */
 #define SDB_TRACE_ERR	0xFF03
