@@ -74,9 +74,11 @@ class Scenario(IpcScenario):
         return p
 
     def start_keel(self, nofile=None, **env):
+        started = lambda: self.root.trace("keel").count("keel started")
+        before = started()
         self.keel = self.spawn_limited("keel", "-N", nofile=nofile, **env)
-        assert wait_for(lambda: "keel started" in self.root.trace("keel"),
-                        timeout=GENEROUS), self.root.trace("keel")
+        assert wait_for(lambda: started() > before, timeout=GENEROUS), \
+            self.root.trace("keel")
         return self.keel
 
     def start_tolvard(self, nofile=None):
