@@ -338,7 +338,10 @@ int open_spare(void)
 void listen_resume(evContext c, void *uap, struct timespec, struct timespec)
 {
 	conn_reg *cr = static_cast<conn_reg *>(uap);
+	ev_context *ctx = ctx_of(c);
 	cr->paused = false;
+	if (ctx->spare_fd < 0)
+		ctx->spare_fd = open_spare();
 	if (!cr->dead)
 		(void)__evSelectFD(c, cr->fd, EV_READ, listen_ready, cr, &cr->file);
 }

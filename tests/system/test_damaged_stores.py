@@ -40,7 +40,7 @@ def sc(root, ipc_ns):  # noqa: F811
     (HEAD, bad_magic, "bad magic"),
     (HEAD, longer, "bytes, not"),
     (INTF, garbled_size, "size word beyond the file"),
-    (INTF, cut_short, "shorter than a header"),
+    (INTF, cut_short, "shorter than its first mapping"),
 ])
 def test_a_damaged_store_is_kept_aside_and_made_again(sc, store, damage,
                                                       what):

@@ -16,6 +16,7 @@
 #include <functional>
 #include <netinet/in.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -275,6 +276,52 @@ TEST_P(Sockets, ListenAndConnect)
 	EXPECT_EQ(__evCancelConn(ev, lid), -1);
 	accepted.insert(accepted.end(), {more[0], more[1], cfd, lfd});
 	for (int fd : accepted)
+		close(fd);
+}
+
+/*
+ * Out of descriptors, a waiting connection is closed at once with the
+ * spare descriptor, or, when even that cannot take it, the listener rests
+ * a moment; either way the handler hears EMFILE and the loop goes on.
+ */
+TEST_P(Sockets, FullDescriptorTableNeitherSpinsNorHangsAClient)
+{
+	int lfd = bound_socket(), c1 = new_socket(), c2 = new_socket();
+	conn_log server;
+	evConnID lid;
+	ASSERT_EQ(__evListen(ev, lfd, 8, on_conn, &server, &lid), 0);
+	struct rlimit saved;
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+	auto limit = [&](rlim_t soft) {
+		struct rlimit r = saved;
+		r.rlim_cur = soft;
+		ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &r), 0);
+	};
+	int free_fd = fcntl(0, F_DUPFD_CLOEXEC, 0);
+	ASSERT_GE(free_fd, 0);
+	close(free_fd);
+
+	/* No free number but the spare's: the client is closed at once. */
+	ASSERT_EQ(connect(c1, sa(), addr_len), 0);
+	limit(free_fd);
+	ASSERT_TRUE(run_until([&] { return server.calls >= 1; }));
+	EXPECT_EQ(server.fd, -1);
+	EXPECT_EQ(server.error, EMFILE);
+	char c;
+	EXPECT_EQ(recv(c1, &c, 1, 0), 0);
+
+	/* Not even the spare's: the listener rests, and takes the client
+	 * once descriptors are back. */
+	ASSERT_EQ(connect(c2, sa(), addr_len), 0);
+	limit(3);
+	bool refused = run_until([&] { return server.calls >= 2; });
+	limit(saved.rlim_cur);
+	ASSERT_TRUE(refused);
+	EXPECT_EQ(server.error, EMFILE);
+	ASSERT_TRUE(run_until([&] { return server.fd >= 0; }));
+	ASSERT_EQ(write(c2, "p", 1), 1);
+	ASSERT_EQ(read(server.fd, &c, 1), 1);
+	for (int fd : {server.fd, c1, c2, lfd})
 		close(fd);
 }
 

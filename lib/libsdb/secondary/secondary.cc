@@ -151,7 +151,8 @@ bool keep_if_damaged(const std::string &path)
 		return true;
 	bool ok = true;
 	if (fstat(fd, &st) == 0 && st.st_size > 0)
-		ok = sdb_store_damaged(fd, path, "shorter than a header") == 0;
+		ok = sdb_store_damaged(fd, path,
+		    "shorter than its first mapping") == 0;
 	close(fd);
 	return ok;
 }

@@ -641,8 +641,21 @@ TEST_F(SdbEnv, ClientRefusesAHeaderThatIsNotWhole)
 	/* A short one would fault when mapped. */
 	fs::resize_file(head, 100);
 	EXPECT_EQ(sdb_lts_init(false), SDB_ERR_NOMEM);
-	/* keel refuses to resize it: the stores must be purged. */
-	EXPECT_EQ(sdb_lts_init(true), SDB_ERR_NOMEM);
+	/* keel keeps the damaged one aside and makes it again. */
+	EXPECT_EQ(sdb_lts_init(true), 0);
+	EXPECT_TRUE(logged_event("LIBSDB_STORE_DAMAGED"));
+	int kept = 0;
+	fs::path dir = fs::path(head).parent_path();
+	for (const auto &e : fs::directory_iterator(dir))
+		if (e.path().filename().string().starts_with(
+		    "sdb.head.damaged.")) {
+			EXPECT_EQ(fs::file_size(e.path()), 100u);
+			kept++;
+		}
+	EXPECT_EQ(kept, 1);
+	sdb_lts_close();
+	EXPECT_EQ(sdb_lts_init(false), 0);
+	sdb_lts_close();
 }
 
 TEST(SdbAppTable, TableIdOutOfRange)
