@@ -6,7 +6,8 @@ import struct
 import pytest
 
 from ipc_scenario import GENEROUS, ipc_ns  # noqa: F401
-from test_local_hostile import Scenario, root  # noqa: F401
+from test_keel_client import root  # noqa: F401
+from test_local_hostile import Scenario
 
 HEAD = "/mfs/var/sdb/shmem/sdb.head"
 INTF = "/mfs/var/sdb/shmem/sdb_intf.db"

@@ -32,7 +32,10 @@ ANSWER = struct.Struct("=IIiII")
 @pytest.fixture
 def root():
     # keel's socket path must fit a sockaddr_un: keep the root short.
+    # Open to every user down to the sockets, so that what keeps a local
+    # user out is the objects' own modes.
     path = pathlib.Path(tempfile.mkdtemp(prefix="kc-"))
+    path.chmod(0o755)
     r = Root(path / "r")
     r.write_config("set chassis redundancy graceful-switchover")
     r.write_platform(role="master")
