@@ -360,6 +360,7 @@ void listen_overloaded(evContext c, conn_reg *cr, int err)
 	bool shed = false, spent = ctx->spare_fd >= 0;
 	if (spent) {
 		close(ctx->spare_fd);
+		ctx->spare_fd = -1;
 		int nfd = accept4(cr->fd, nullptr, nullptr, SOCK_CLOEXEC);
 		if (nfd >= 0) {
 			close(nfd);
