@@ -33,7 +33,8 @@ bool narrow(Perm &perm)
 	gid_t gid = access_now.gid != (gid_t)-1 ? access_now.gid : perm.gid;
 	if ((perm.mode & 0777) == mode && perm.gid == gid)
 		return false;
-	perm.mode = static_cast<decltype(perm.mode)>((perm.mode & ~0777) | mode);
+	perm.mode = static_cast<decltype(perm.mode)>(
+	    (perm.mode & ~0777) | mode);
 	perm.gid = gid;
 	return true;
 }
@@ -45,8 +46,8 @@ void sdb_access_refresh(void)
 	tolvar_access_get(&access_now);
 	if (access_now.unknown_group[0] != '\0')
 		sdb_event(3, "LIBSDB_ACCESS_GROUP_UNKNOWN",
-		    "LIBSDB_ACCESS_GROUP_UNKNOWN: %s:%d group %s is unknown, the "
-		    "session database is for root only", __func__, __LINE__,
+		    "LIBSDB_ACCESS_GROUP_UNKNOWN: %s:%d group %s is unknown, "
+		    "the session database is for root only", __func__, __LINE__,
 		    access_now.unknown_group);
 }
 
@@ -61,7 +62,8 @@ void sdb_access_shm(int id)
 	if (shmctl(id, IPC_STAT, &ds) != 0 || !narrow(ds.shm_perm))
 		return;
 	if (shmctl(id, IPC_SET, &ds) != 0)
-		sdb_trace(SDB_TRACE_ERR, "Failed to set access of shared memory: %s",
+		sdb_trace(SDB_TRACE_ERR,
+		    "Failed to set access of shared memory: %s",
 		    strerror(errno));
 }
 
@@ -71,8 +73,8 @@ void sdb_access_sem(int id)
 	if (semctl(id, 0, IPC_STAT, &ds) != 0 || !narrow(ds.sem_perm))
 		return;
 	if (semctl(id, 0, IPC_SET, &ds) != 0)
-		sdb_trace(SDB_TRACE_ERR, "Failed to set access of semaphore: %s",
-		    strerror(errno));
+		sdb_trace(SDB_TRACE_ERR,
+		    "Failed to set access of semaphore: %s", strerror(errno));
 }
 
 void sdb_access_file(int fd)

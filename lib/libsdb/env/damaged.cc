@@ -73,8 +73,8 @@ int sdb_store_damaged(int fd, const std::string &path, const char *what)
 		sdb_trace(SDB_TRACE_ERR, "%s is damaged (%s) and could not be "
 		    "kept aside: %s", path.c_str(), what, strerror(err));
 		sdb_event(2, "LIBSDB_STORE_DAMAGED",
-		    "LIBSDB_STORE_DAMAGED: %s:%d %s is damaged (%s), left as it "
-		    "is: no copy could be kept: %s", __func__, __LINE__,
+		    "LIBSDB_STORE_DAMAGED: %s:%d %s is damaged (%s), left "
+		    "as it is: no copy could be kept: %s", __func__, __LINE__,
 		    path.c_str(), what, strerror(err));
 		return -1;
 	}
@@ -82,6 +82,7 @@ int sdb_store_damaged(int fd, const std::string &path, const char *what)
 	    path.c_str(), what, aside.c_str());
 	sdb_event(3, "LIBSDB_STORE_DAMAGED",
 	    "LIBSDB_STORE_DAMAGED: %s:%d %s is damaged (%s), kept as %s and "
-	    "made again", __func__, __LINE__, path.c_str(), what, aside.c_str());
+	    "made again", __func__, __LINE__, path.c_str(), what,
+	    aside.c_str());
 	return 0;
 }

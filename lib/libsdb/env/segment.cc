@@ -70,7 +70,8 @@ int sdb_segment_attach(bool is_keel)
 	}
 	uint32_t size = expected_size();
 	bool created = false;
-	int id = shmget(key, size, 0600);	/* asks for read and write */
+	/* 0600 asks for read and write: a user without them fails here. */
+	int id = shmget(key, size, 0600);
 	if (id < 0) {
 		sdb_note_open_errno(errno);
 		if (!is_keel || errno != ENOENT) {

@@ -84,7 +84,8 @@ extern "C" int sdb_sem_init(bool is_keel)
 {
 	if (sem_id >= 0)
 		return 0;
-	int id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0600);	/* alter and read */
+	/* 0600 asks for alter and read: a user without them fails here. */
+	int id = semget(SDB_SEM_KEY, SDB_SEM_COUNT, 0600);
 	if (id >= 0) {
 		sdb_trace(SDB_TRACE_INFO, "semaphore exist");
 		if (is_keel)
