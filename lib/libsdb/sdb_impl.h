@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 #include <sys/sem.h>
+#include <sys/types.h>
 
 #include "platform/signals.h"
 #include "sdb/keel.h"
@@ -69,6 +70,8 @@ void sdb_note_open_errno(int e);
  * could not be kept, and the caller must leave the store alone.
  */
 int sdb_store_damaged(int fd, const std::string &path, const char *what);
+/* What is wrong with the header of sdb_intf.db, or nullptr when whole. */
+const char *sdb_db_info_fault(const sdb_db_info *p, off_t file_size);
 
 /* Stores, in the order the environment opens them. */
 int sdb_segment_attach(bool is_keel);

@@ -80,12 +80,14 @@ bool usable(void)
 	    info_ptr->global_size != 0;
 }
 
+} // namespace
+
 /*
  * What is wrong with a header that claims to be built, or nullptr.  The
  * words checked are those every table operation trusts: a size beyond the
  * file, or an offset beyond the size, would send it outside the mapping.
  */
-const char *header_fault(const sdb_db_info *p, off_t file_size)
+const char *sdb_db_info_fault(const sdb_db_info *p, off_t file_size)
 {
 	uint32_t global = p->global_size;
 	if (p->initialized != 1)
@@ -110,10 +112,13 @@ const char *header_fault(const sdb_db_info *p, off_t file_size)
 	    p->parent_root, p->app_def_root};
 	static_assert(SDB_STRING_BUCKETS == 6);
 	for (uint32_t off : offsets)
-		if (off != 0 && (off < SDB_DB_INFO_SIZE || off >= p->next_offset))
+		if (off != 0 &&
+		    (off < SDB_DB_INFO_SIZE || off >= p->next_offset))
 			return "table offset beyond the used part";
 	return nullptr;
 }
+
+namespace {
 
 bool all_zero(const void *p, size_t len)
 {
@@ -137,10 +142,10 @@ bool keep_if_damaged(const std::string &path)
 	struct stat st;
 	if (fd >= 0) {
 		if (fstat(fd, &st) == 0)
-			fault = header_fault(info_ptr, st.st_size);
+			fault = sdb_db_info_fault(info_ptr, st.st_size);
 		if (fault != nullptr && info_ptr->initialized == 0 &&
 		    all_zero(info_ptr, SDB_DB_INFO_SIZE))
-			fault = nullptr;	/* never built: nothing to keep */
+			fault = nullptr;	/* never built */
 		if (fault == nullptr)
 			return true;
 		return sdb_store_damaged(fd, path, fault) == 0;
@@ -308,7 +313,7 @@ extern "C" int sdb_db_secondary_init(bool is_keel, bool is_locked)
 		struct stat st;
 		const char *fault = nullptr;
 		if (usable() && fstat(sdb_mem_fd, &st) == 0)
-			fault = header_fault(info_ptr, st.st_size);
+			fault = sdb_db_info_fault(info_ptr, st.st_size);
 		if (fault != nullptr && !is_keel)
 			sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
 			    path.c_str(), fault);
