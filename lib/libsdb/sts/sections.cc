@@ -696,10 +696,17 @@ extern "C" int sdb_sts_entry_walk_dyn(const sdb_sts_entry *e,
 		return fn(arg, static_cast<const char *>(v), nlen, d->et, k,
 		    d->klen);
 	};
+	uint16_t chain[SDB_STS_SLOT_MAX / SDB_STS_DYN_NODE_SIZE];
 	for (int b = 0; b < SDB_STS_HASH_BUCKETS; b++) {
-		unsigned steps = 0;
+		/* Oldest first: a reader that inserts at the head rebuilds
+		 * the same chains. */
+		size_t depth = 0;
 		for (uint16_t n = h->bucket[b]; n != 0; n = dnode(e, n)->noff) {
-			sdb_sts_assert_corruption(++steps <= SDB_STS_DYN_LOOP_MAX);
+			sdb_sts_assert_corruption(depth < std::size(chain));
+			chain[depth++] = n;
+		}
+		while (depth > 0) {
+			uint16_t n = chain[--depth];
 			const sdb_sts_dyn_node *d = dnode(e, n);
 			if (d->et == SDB_DYN_MEMBER ||
 			    (d->et == SDB_DYN_IDENT && !(d->flg & 1)))
@@ -772,38 +779,16 @@ extern "C" int sdb_sts_entry_del_auth(sdb_sts_entry *e, int which,
 	return found ? 0 : SDB_ERR_NOT_FOUND;
 }
 
-extern "C" int sdb_sts_entry_put_auth(sdb_sts_entry *e, int which,
-    uint16_t attr, const void *value, uint32_t len)
+namespace {
+/* A new node: at the head of its bucket, or at the end of `tail_bucket`. */
+int add_auth(sdb_sts_entry *e, int which, uint16_t attr, const void *value,
+    uint32_t len, int tail_bucket)
 {
-	if (len == 0)
-		return 0;
-	if (value == nullptr || len > 10000)
-		return SDB_ERR_PARAM;
 	if (auth_offset(e, which) == 0) {
 		uint16_t t = alloc(e, SDB_STS_HASH_SIZE);
 		if (t == 0)
 			return SDB_ERR_NOMEM;
 		set_auth_offset(e, which, t);
-	}
-	uint16_t t = auth_offset(e, which);
-	uint16_t b = attr % SDB_STS_HASH_BUCKETS;
-	if (which == SDB_STS_AUTH_REQ) {
-		unsigned steps = 0;
-		for (uint16_t n = auth_hash(e, t)->bucket[b]; n != 0;
-		    n = anode(e, n)->next) {
-			sdb_sts_assert_corruption(++steps <= SDB_STS_DYN_LOOP_MAX);
-			sdb_sts_auth_node *a = anode(e, n);
-			if (a->attr != attr)
-				continue;
-			if (a->alloc_len >= len) {
-				check_piece(e, a->voff, len);
-				memcpy(bytes(e, a->voff), value, len);
-				a->len = (uint16_t)len;
-				e->dirty_flags |= auth_dirty(which);
-				return 0;
-			}
-			break;
-		}
 	}
 	uint16_t n = alloc(e, SDB_STS_AUTH_NODE_SIZE);
 	uint16_t v = n != 0 ? alloc(e, len) : 0;
@@ -811,18 +796,16 @@ extern "C" int sdb_sts_entry_put_auth(sdb_sts_entry *e, int which,
 		release(e, n, SDB_STS_AUTH_NODE_SIZE);
 		return SDB_ERR_NOMEM;
 	}
-	if (which == SDB_STS_AUTH_REQ)
-		sdb_sts_entry_del_auth(e, which, attr, nullptr, 0);
 	memcpy(bytes(e, v), value, len);
 	sdb_sts_auth_node a = {attr, (uint16_t)len,
 	    (uint16_t)piece_size(len), v, 0};
-	sdb_sts_hash *h = auth_hash(e, t);
-	if (which == SDB_STS_AUTH_REQ) {
+	sdb_sts_hash *h = auth_hash(e, auth_offset(e, which));
+	uint16_t b = attr % SDB_STS_HASH_BUCKETS;
+	if (tail_bucket < 0) {
 		a.next = h->bucket[b];
 		h->bucket[b] = n;
 	} else {
-		/* The response keeps its order of arrival: one chain. */
-		link16 link = bucket_link(h, response_bucket);
+		link16 link = bucket_link(h, (uint16_t)tail_bucket);
 		unsigned steps = 0;
 		while (link != 0) {
 			sdb_sts_assert_corruption(++steps <= SDB_STS_DYN_LOOP_MAX);
@@ -834,6 +817,70 @@ extern "C" int sdb_sts_entry_put_auth(sdb_sts_entry *e, int which,
 	h->count++;
 	e->dirty_flags |= auth_dirty(which);
 	return 0;
+}
+} // namespace
+
+extern "C" int sdb_sts_entry_put_auth(sdb_sts_entry *e, int which,
+    uint16_t attr, const void *value, uint32_t len)
+{
+	if (len == 0)
+		return 0;
+	if (value == nullptr || len > 10000)
+		return SDB_ERR_PARAM;
+	if (which != SDB_STS_AUTH_REQ)	/* kept in order of arrival */
+		return add_auth(e, which, attr, value, len, response_bucket);
+	uint16_t t = auth_offset(e, which);
+	uint16_t b = attr % SDB_STS_HASH_BUCKETS;
+	unsigned steps = 0;
+	for (uint16_t n = t != 0 ? auth_hash(e, t)->bucket[b] : 0; n != 0;
+	    n = anode(e, n)->next) {
+		sdb_sts_assert_corruption(++steps <= SDB_STS_DYN_LOOP_MAX);
+		sdb_sts_auth_node *a = anode(e, n);
+		if (a->attr != attr)
+			continue;
+		if (a->alloc_len >= len) {
+			check_piece(e, a->voff, len);
+			memcpy(bytes(e, a->voff), value, len);
+			a->len = (uint16_t)len;
+			e->dirty_flags |= auth_dirty(which);
+			return 0;
+		}
+		break;
+	}
+	/* The new node first, so that a failure keeps the old value. */
+	uint8_t dirty = e->dirty_flags;
+	if (int rc = add_auth(e, which, attr, value, len, -1))
+		return rc;
+	/* Drop the older nodes of the number: the new one is first. */
+	t = auth_offset(e, which);
+	uint16_t first = auth_hash(e, t)->bucket[b];
+	link16 link = LINK(anode(e, first), sdb_sts_auth_node, next);
+	steps = 0;
+	while (link != 0) {
+		sdb_sts_assert_corruption(++steps <= SDB_STS_DYN_LOOP_MAX);
+		uint16_t n = link;
+		sdb_sts_auth_node a = *anode(e, n);
+		if (a.attr != attr) {
+			link = LINK(anode(e, n), sdb_sts_auth_node, next);
+			continue;
+		}
+		link = a.next;
+		release(e, a.voff, a.alloc_len);
+		release(e, n, SDB_STS_AUTH_NODE_SIZE);
+		auth_hash(e, t)->count--;
+	}
+	e->dirty_flags = dirty | auth_dirty(which);
+	return 0;
+}
+
+extern "C" int sdb_sts_entry_append_auth(sdb_sts_entry *e, int which,
+    uint16_t attr, const void *value, uint32_t len)
+{
+	if (len == 0 || value == nullptr || len > 10000)
+		return SDB_ERR_PARAM;
+	return add_auth(e, which, attr, value, len,
+	    which == SDB_STS_AUTH_REQ ? attr % SDB_STS_HASH_BUCKETS :
+	    response_bucket);
 }
 
 extern "C" int sdb_sts_entry_del_all_auth(sdb_sts_entry *e, int which)

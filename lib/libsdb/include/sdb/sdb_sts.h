@@ -309,6 +309,10 @@ int sdb_sts_entry_walk_dyn(const struct sdb_sts_entry *e,
 #define SDB_STS_AUTH_RESP	1
 int sdb_sts_entry_put_auth(struct sdb_sts_entry *e, int which, uint16_t attr,
     const void *value, uint32_t len);
+/* Add a node at the end of its chain, never looking for the number:
+ * the order of a loaded section is kept. */
+int sdb_sts_entry_append_auth(struct sdb_sts_entry *e, int which,
+    uint16_t attr, const void *value, uint32_t len);
 int sdb_sts_entry_del_auth(struct sdb_sts_entry *e, int which, uint16_t attr,
     const void *value, uint32_t len);
 int sdb_sts_entry_del_all_auth(struct sdb_sts_entry *e, int which);
