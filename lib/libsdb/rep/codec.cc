@@ -395,6 +395,8 @@ long decode(sdb_sts_entry *e, int section, const uint8_t *p, size_t len,
 extern "C" int sdb_rep_encode_section(const sdb_sts_entry *e, int section,
     uint8_t *buf, size_t size, size_t *used)
 {
+	if (used == nullptr)
+		return SDB_ERR_PARAM;
 	writer w{buf, size};
 	*used = 0;
 	int rc = encode(e, section, w);

@@ -159,10 +159,22 @@ void check_node(const sdb_sts_entry *e, uint8_t *slot, uint16_t off)
 	    (n->next >= off + n->len && n->next < e->slot_size));
 }
 
+/*
+ * Pieces are whole words: the slot starts its list at 4 and every size is
+ * rounded up to a multiple of 4, both when it is taken and when it comes
+ * back.  So a remainder is never 1 to 3 bytes, no crumb is handed out with
+ * a piece and lost when the owner gives back what it asked for, and all
+ * pieces lie 4-aligned.
+ */
+uint32_t piece_bytes(uint32_t size)
+{
+	return (std::max<uint32_t>(size, 4) + 3) & ~3u;
+}
+
 uint16_t slot_alloc(sdb_sts_entry *e, uint32_t size)
 {
 	uint8_t *slot = sdb_sts_slot(e);
-	size = std::max<uint32_t>(size, 4);
+	size = piece_bytes(size);
 	uint16_t prev = 0;
 	for (uint16_t off = e->free_list_offset; off != 0;) {
 		check_node(e, slot, off);
@@ -332,6 +344,7 @@ extern "C" void sdb_sts_entry_free(sdb_sts_entry *e, uint16_t piece,
     uint32_t size)
 {
 	sdb_sts_assert_corruption(size >= 4);
+	size = piece_bytes(size);
 	sdb_sts_assert_corruption(piece >= 4 && piece + size <= e->slot_size);
 	uint8_t *slot = sdb_sts_slot(e);
 	uint16_t prev = 0, cur = e->free_list_offset;
