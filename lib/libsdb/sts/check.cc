@@ -22,16 +22,20 @@ struct checker {
 	size_t size;
 	sdb_sts_geometry g{};
 	sdb_sts_check_report *rep;
+	void (*each)(void *, const char *) = nullptr;
+	void *arg = nullptr;
 
 	void problem(const char *fmt, ...) __attribute__((format(printf, 2, 3)))
 	{
-		if (rep->problems++ == 0) {
-			va_list ap;
-			va_start(ap, fmt);
-			vsnprintf(rep->first_problem, sizeof rep->first_problem,
-			    fmt, ap);
-			va_end(ap);
-		}
+		char text[sizeof rep->first_problem];
+		va_list ap;
+		va_start(ap, fmt);
+		vsnprintf(text, sizeof text, fmt, ap);
+		va_end(ap);
+		if (rep->problems++ == 0)
+			memcpy(rep->first_problem, text, sizeof text);
+		if (each != nullptr)
+			each(arg, text);
 	}
 
 	template <class T> T load(size_t off) const
@@ -132,7 +136,12 @@ void checker::slot(uint32_t i, const sdb_sts_entry &e)
 			return;
 		}
 		auto fn = m.load<sdb_sts_free_node>(off);
-		if (fn.len < 4 || !m.mark(off, fn.len, "free piece"))
+		if (fn.len < 4) {
+			problem("entry %u: free piece at %u of %u bytes", i, off,
+			    fn.len);
+			return;
+		}
+		if (!m.mark(off, fn.len, "free piece"))
 			return;
 		prev = off;
 		off = fn.next;
@@ -163,6 +172,7 @@ void checker::slot(uint32_t i, const sdb_sts_entry &e)
 	    m.mark(e.dynamic_offset, SDB_STS_HASH_SIZE, "dynamic table")) {
 		auto h = m.load<sdb_sts_hash>(e.dynamic_offset);
 		uint32_t nodes = 0;
+		std::map<uint16_t, sdb_sts_dyn_node> seen;
 		for (int b = 0; b < SDB_STS_HASH_BUCKETS && !m.bad; b++)
 			for (uint16_t n = h.bucket[b]; n != 0 && !m.bad;) {
 				if (!m.mark(n, SDB_STS_DYN_NODE_SIZE,
@@ -182,11 +192,34 @@ void checker::slot(uint32_t i, const sdb_sts_entry &e)
 					m.mark(d.voff, d.dao, "dynamic value");
 				}
 				nodes++;
+				seen[n] = d;
 				n = d.noff;
 			}
 		if (!m.bad && nodes != h.count)
 			problem("entry %u: %u dynamic nodes for a count of %u",
 			    i, nodes, h.count);
+		/* Instance and member chains lead to nodes of the table, and
+		 * end: each node is met at most once along them. */
+		std::map<uint16_t, int> chained;
+		for (auto &[off, d] : seen)
+			for (uint16_t next : {d.nioff, d.nmoff})
+				if (next != 0 && (!seen.count(next) ||
+				    ++chained[next] > 1)) {
+					problem("entry %u: dynamic node at %u "
+					    "chains to %u", i, off, next);
+					return;
+				}
+		for (auto &[off, d] : seen) {
+			uint32_t len = 0;
+			for (uint16_t n = d.nioff; n != 0 && len <= seen.size();
+			    n = seen[n].nioff)
+				len++;
+			if (len > SDB_STS_DYN_CHAIN_MAX || len > seen.size()) {
+				problem("entry %u: the chain of node %u does not "
+				    "end", i, off);
+				return;
+			}
+		}
 	}
 	for (uint16_t t : {e.auth_req_offset, e.auth_rep_offset}) {
 		if (t == 0 || !m.mark(t, SDB_STS_HASH_SIZE, "auth table"))
@@ -356,8 +389,14 @@ void checker::heap(void)
 extern "C" int sdb_sts_check_image(const void *image, size_t size,
     sdb_sts_check_report *rep)
 {
+	return sdb_sts_check_image_each(image, size, rep, nullptr, nullptr);
+}
+
+extern "C" int sdb_sts_check_image_each(const void *image, size_t size,
+    sdb_sts_check_report *rep, void (*fn)(void *, const char *), void *arg)
+{
 	*rep = {};
-	checker c{static_cast<const uint8_t *>(image), size, {}, rep};
+	checker c{static_cast<const uint8_t *>(image), size, {}, rep, fn, arg};
 	if (size > UINT32_MAX ||
 	    sdb_sts_geometry_for(size, 5 * 4096, &c.g) != 0 ||
 	    c.g.max_bytes != size) {

@@ -355,6 +355,10 @@ struct sdb_sts_check_report {
 };
 int sdb_sts_check_image(const void *image, size_t size,
     struct sdb_sts_check_report *rep);
+/* The same, with every problem handed to fn as it is found. */
+int sdb_sts_check_image_each(const void *image, size_t size,
+    struct sdb_sts_check_report *rep,
+    void (*fn)(void *arg, const char *problem), void *arg);
 
 #ifdef __cplusplus
 }
