@@ -4,6 +4,7 @@
  * over the bytes, modulo 1024, so the table of buckets is a constant too.
  */
 #include <array>
+#include <bit>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -537,6 +538,38 @@ static_assert(var_lookup("orvia-interface-unit") ==
 static_assert(var_lookup("orvia-phy-ifd-underlying-intf-set-name") == 106);
 static_assert(var_lookup("orvia-no-such-variable") == 0 && var_lookup("") == 0);
 
+/* Sections of a session: dirty bit, long-term table (-1: carried inside
+ * another section's row), name. */
+struct section_row {
+	uint8_t dirty;
+	int table_client;
+	int table_service;
+	const char *name;
+};
+constexpr section_row sections[] = {
+	{SDB_DIRTY_CLIENT_ATTRS, SDB_TABLE_CLIENT, SDB_TABLE_SERVICE,
+	    "client attributes"},
+	{SDB_DIRTY_DYNAMIC, SDB_TABLE_DYNAMIC, SDB_TABLE_DYNAMIC, "dynamic"},
+	{SDB_DIRTY_AUTH_REQ, SDB_TABLE_AUTH_REQ, -1, "authentication request"},
+	{SDB_DIRTY_AUTH_RESP, SDB_TABLE_AUTH_RESP, -1, "authentication response"},
+	{SDB_DIRTY_APP_DATA, SDB_TABLE_APP, SDB_TABLE_APP, "application data"},
+	{SDB_DIRTY_CLIENT_SESSION, -1, SDB_TABLE_SERVICE, "client_session"},
+	{SDB_DIRTY_DYNAMIC_SESSION, SDB_TABLE_CLIENT, -1, "dynamic_session"},
+	{SDB_DIRTY_SERVICE_LIST, SDB_TABLE_CLIENT, -1, "service list"},
+};
+constexpr bool sections_cover_the_byte()
+{
+	unsigned seen = 0;
+	for (const section_row &r : sections) {
+		if (std::popcount(r.dirty) != 1 || (seen & r.dirty))
+			return false;
+		seen |= r.dirty;
+	}
+	return seen == 0xFF;
+}
+static_assert(sections_cover_the_byte(), "one dirty bit per section");
+static_assert(sections[0].dirty == 0x01 && sections[7].dirty == 0x80);
+
 constexpr const char *action_names[SDB_ACTION_COUNT] = {
 	"add", "replace", "clear bits", "set bits", "delete", "delete array",
 	"select",
@@ -588,6 +621,14 @@ extern "C" const char *sdb_dyn_var_name(int id)
 	if (id < 1 || id > SDB_DYN_VAR_COUNT)
 		return nullptr;
 	return var_names[id];
+}
+
+extern "C" const char *sdb_section_name(uint32_t dirty_bit)
+{
+	for (const section_row &r : sections)
+		if (r.dirty == dirty_bit)
+			return r.name;
+	return "unknown";
 }
 
 extern "C" const char *sdb_action_name(uint32_t action)

@@ -416,7 +416,7 @@ extern "C" void sdb_sts_heap_defragment(sdb_sts_entry *caller, int *released)
 	if (!STS_WORD(c, sdb_sts_heap_ctl, defrag_pid).compare_exchange_strong(owner, me)) {
 		if (owner == me)
 			return;
-		if (sdb_pid_alive(owner) ||
+		if (sdb_sts_owner_alive(owner) ||
 		    !STS_WORD(c, sdb_sts_heap_ctl, defrag_pid).compare_exchange_strong(owner, me))
 			return;
 	}

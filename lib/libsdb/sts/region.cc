@@ -21,6 +21,7 @@
 
 #include <syslog.h>
 
+#include "mmf/mmf.h"
 #include "platform/logging.h"
 #include "platform/paths.h"
 #include "sts/sts_impl.h"
@@ -191,7 +192,7 @@ bool entry_lock(sdb_sts_entry *e, int line)
 			e->lock_count++;
 			return true;
 		}
-		if (cur == me || sdb_pid_alive(cur))
+		if (cur == me || sdb_sts_owner_alive(cur))
 			return false;
 		if (!pid.compare_exchange_strong(cur, me))
 			return false;
@@ -214,6 +215,15 @@ void entry_unlock(sdb_sts_entry *e)
 }
 
 } // namespace
+
+/* A holder holds while it lives and maps the store: a live pid that does
+ * not map it is a dead holder's pid taken by another process. */
+bool sdb_sts_owner_alive(uint32_t pid)
+{
+	if (!sdb_pid_alive(pid))
+		return false;
+	return R.fd < 0 || mmf_pid_maps_file((pid_t)pid, R.fd);
+}
 
 void sts::entry_reinit(sdb_sts_entry *e)
 {

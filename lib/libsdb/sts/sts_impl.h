@@ -23,6 +23,9 @@
 #define sdb_sts_assert_corruption(e) \
 	((e) ? (void)0 : sdb_sts_corruption_fail(#e, __FILE__, __LINE__))
 
+/* Whether the holder of a lock word of the store still lives. */
+bool sdb_sts_owner_alive(uint32_t pid);
+
 namespace sts {
 
 /* The mapping of this process; base null when closed. */

@@ -117,6 +117,8 @@ TEST(Catalogue, NamesAndVariableIds)
 	EXPECT_EQ(sdb_dyn_var_name(0), nullptr);
 	EXPECT_EQ(sdb_dyn_var_name(107), nullptr);
 	EXPECT_STREQ(sdb_dyn_var_name(56), "orvia-interface-set-name");
+	EXPECT_STREQ(sdb_section_name(0x40), "dynamic_session");
+	EXPECT_STREQ(sdb_action_name(SDB_ACTION_SELECT), "select");
 	EXPECT_EQ(sdb_dyn_var_hash("ab", 2), (uint32_t)('a' * 3 + 'b'));
 	EXPECT_EQ(sdb_dyn_var_hash(nullptr, 0), 0u);
 
@@ -213,6 +215,40 @@ TEST_F(Store, CreatorKilledMidFormatLeavesAStoreTheNextOpenerFormats)
 	/* The kernel dropped the creator's flock: no wait, a new format. */
 	ASSERT_EQ(sdb_sts_init(small_store, unit), 0);
 	expect_clean();
+}
+
+TEST_F(Store, AnEntryHeldByAKilledProcessIsTakenOver)
+{
+	int ready[2];
+	ASSERT_EQ(pipe(ready), 0);
+	pid_t pid = fork();
+	if (pid == 0) {
+		sdb_sts_entry *e = sdb_sts_entry_create(4);
+		if (e == nullptr || sdb_sts_entry_put_attr(e, USER_NAME, 2,
+		    "kd") != 0)
+			_exit(1);
+		(void)!write(ready[1], "x", 1);
+		pause();	/* holding the entry */
+		_exit(0);
+	}
+	char c;
+	ASSERT_EQ(read(ready[0], &c, 1), 1);
+	sdb_sts_entry *raw = sdb_sts_entry_get_by_index(3);
+	EXPECT_EQ(raw, nullptr);	/* a live holder: not ours */
+	kill(pid, SIGKILL);
+	int st;
+	waitpid(pid, &st, 0);
+	sdb_sts_entry *e = sdb_sts_entry_find(4);
+	ASSERT_NE(e, nullptr);
+	EXPECT_EQ(e->lock_pid, (uint32_t)getpid());
+	EXPECT_EQ(e->lock_count, 1);
+	char buf[4];
+	uint32_t len = sizeof buf;
+	EXPECT_EQ(sdb_sts_entry_get_attr(e, USER_NAME, &len, buf), 0);
+	sdb_sts_entry_release(e);
+	EXPECT_EQ(e->lock_pid, 0u);
+	close(ready[0]);
+	close(ready[1]);
 }
 
 TEST_F(Store, WrongSizeIsRefusedNotFormattedAway)

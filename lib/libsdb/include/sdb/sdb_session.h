@@ -553,6 +553,8 @@ uint32_t sdb_dyn_var_hash(const char *name, size_t len);
 void sdb_dyn_var_print_table(void (*fn)(void *arg, const char *line),
     void *arg);
 const char *sdb_action_name(uint32_t action);
+/* Name of the section of one dirty bit. */
+const char *sdb_section_name(uint32_t dirty_bit);
 /* The dump form of a value into buf; returns its length. */
 size_t sdb_attr_format(uint32_t attr, const void *value, size_t len,
     char *buf, size_t size);
