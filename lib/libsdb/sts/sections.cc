@@ -66,6 +66,12 @@ link16 bucket_link(void *table, uint16_t b)
 	return link16{static_cast<uint8_t *>(table) + 2u * b};
 }
 
+/* A section's table, taken at its first use. */
+uint16_t table(sdb_sts_entry *e, uint16_t have, uint32_t size)
+{
+	return have != 0 ? have : alloc(e, size);
+}
+
 /* Misses of get_attr by number; the last row counts the rest. */
 uint32_t attr_misses[SDB_ATTR_TABLE_SIZE + 1];
 
@@ -277,12 +283,10 @@ extern "C" int sdb_sts_entry_put_attr(sdb_sts_entry *e, uint32_t attr,
 	}
 	if (len + 4 >= SDB_STS_SLOT_MAX)
 		return SDB_ERR_NOMEM;
-	if (e->client_offset == 0) {
-		uint16_t t = alloc(e, SDB_STS_ATTR_TABLE_SIZE);
-		if (t == 0)
-			return SDB_ERR_NOMEM;
-		e->client_offset = t;
-	}
+	uint16_t table_off = table(e, e->client_offset, SDB_STS_ATTR_TABLE_SIZE);
+	if (table_off == 0)
+		return SDB_ERR_NOMEM;
+	e->client_offset = table_off;
 	uint16_t cur = attr_table(e)->offset[attr];
 	if (cur != 0) {
 		check_piece(e, cur, 4);
@@ -402,12 +406,10 @@ extern "C" int sdb_sts_entry_put_dynamic_attr_common(sdb_sts_entry *e,
 		vbuf[vlen++] = 0;
 		value = vbuf;
 	}
-	if (e->dynamic_offset == 0) {
-		uint16_t t = alloc(e, SDB_STS_HASH_SIZE);
-		if (t == 0)
-			return SDB_ERR_NOMEM;
-		e->dynamic_offset = t;
-	}
+	uint16_t table_off = table(e, e->dynamic_offset, SDB_STS_HASH_SIZE);
+	if (table_off == 0)
+		return SDB_ERR_NOMEM;
+	e->dynamic_offset = table_off;
 	uint16_t bkt = key_bucket(key, klen);
 	uint16_t start;
 	enum { by_bucket, by_instance, by_member } step = by_bucket;
@@ -784,12 +786,10 @@ namespace {
 int add_auth(sdb_sts_entry *e, int which, uint16_t attr, const void *value,
     uint32_t len, int tail_bucket)
 {
-	if (auth_offset(e, which) == 0) {
-		uint16_t t = alloc(e, SDB_STS_HASH_SIZE);
-		if (t == 0)
-			return SDB_ERR_NOMEM;
-		set_auth_offset(e, which, t);
-	}
+	uint16_t table_off = table(e, auth_offset(e, which), SDB_STS_HASH_SIZE);
+	if (table_off == 0)
+		return SDB_ERR_NOMEM;
+	set_auth_offset(e, which, table_off);
 	uint16_t n = alloc(e, SDB_STS_AUTH_NODE_SIZE);
 	uint16_t v = n != 0 ? alloc(e, len) : 0;
 	if (v == 0) {
@@ -943,12 +943,10 @@ extern "C" int sdb_sts_entry_put_app(sdb_sts_entry *e, uint32_t blob,
 		return 0;
 	if (value == nullptr)
 		return SDB_ERR_PARAM;
-	if (e->app_data_offset == 0) {
-		uint16_t t = alloc(e, SDB_STS_APP_TABLE_SIZE);
-		if (t == 0)
-			return SDB_ERR_NOMEM;
-		e->app_data_offset = t;
-	}
+	uint16_t table_off = table(e, e->app_data_offset, SDB_STS_APP_TABLE_SIZE);
+	if (table_off == 0)
+		return SDB_ERR_NOMEM;
+	e->app_data_offset = table_off;
 	sdb_sts_app_rec r = app_table(e)->rec[blob];
 	if (r.voff != 0 && r.len == len) {
 		check_piece(e, r.voff, len);
