@@ -218,6 +218,17 @@ sdb_sts_auth_node *anode(const sdb_sts_entry *e, uint16_t off)
 }
 constexpr uint16_t response_bucket = 4;
 
+/* The node that `link` names, out of its chain and freed. */
+void auth_drop(sdb_sts_entry *e, uint16_t t, link16 link)
+{
+	sdb_sts_auth_node a = *anode(e, link);
+	uint16_t n = link;
+	link = a.next;
+	release(e, a.voff, a.alloc_len);
+	release(e, n, SDB_STS_AUTH_NODE_SIZE);
+	auth_hash(e, t)->count--;
+}
+
 /* ------------------------------------------------------------------ */
 /* Application data */
 
@@ -764,10 +775,7 @@ extern "C" int sdb_sts_entry_del_auth(sdb_sts_entry *e, int which,
 				link = LINK(anode(e, n), sdb_sts_auth_node, next);
 				continue;
 			}
-			link = a.next;
-			release(e, a.voff, a.alloc_len);
-			release(e, n, SDB_STS_AUTH_NODE_SIZE);
-			auth_hash(e, t)->count--;
+			auth_drop(e, t, link);
 			link = bucket_link(auth_hash(e, t), b);
 			found = 1;
 			if (len > 0)
@@ -864,10 +872,7 @@ extern "C" int sdb_sts_entry_put_auth(sdb_sts_entry *e, int which,
 			link = LINK(anode(e, n), sdb_sts_auth_node, next);
 			continue;
 		}
-		link = a.next;
-		release(e, a.voff, a.alloc_len);
-		release(e, n, SDB_STS_AUTH_NODE_SIZE);
-		auth_hash(e, t)->count--;
+		auth_drop(e, t, link);
 	}
 	e->dirty_flags = dirty | auth_dirty(which);
 	return 0;
