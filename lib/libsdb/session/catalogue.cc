@@ -570,6 +570,21 @@ constexpr bool sections_cover_the_byte()
 static_assert(sections_cover_the_byte(), "one dirty bit per section");
 static_assert(sections[0].dirty == 0x01 && sections[7].dirty == 0x80);
 
+/* Rows: actions; columns: the targets of sdb_update_target. */
+constexpr bool action_table[SDB_ACTION_COUNT][4] = {
+	{true, true, true, true},	/* add */
+	{true, true, true, true},	/* replace */
+	{false, true, true, false},	/* clear bits */
+	{false, true, true, false},	/* set bits */
+	{true, true, true, true},	/* delete */
+	{false, false, false, true},	/* delete array */
+	{false, false, false, true},	/* select */
+};
+static_assert(!action_table[SDB_ACTION_CLEAR_BITS][SDB_TARGET_ATTR] &&
+    !action_table[SDB_ACTION_SET_BITS][SDB_TARGET_ATTR],
+    "bit actions are refused on plain attributes");
+static_assert(action_table[SDB_ACTION_SELECT][SDB_TARGET_DYNAMIC]);
+
 constexpr const char *action_names[SDB_ACTION_COUNT] = {
 	"add", "replace", "clear bits", "set bits", "delete", "delete array",
 	"select",
@@ -621,6 +636,12 @@ extern "C" const char *sdb_dyn_var_name(int id)
 	if (id < 1 || id > SDB_DYN_VAR_COUNT)
 		return nullptr;
 	return var_names[id];
+}
+
+extern "C" int sdb_action_valid(uint32_t target, uint32_t action)
+{
+	return target < 4 && action < SDB_ACTION_COUNT &&
+	    action_table[action][target];
 }
 
 extern "C" const char *sdb_section_name(uint32_t dirty_bit)

@@ -119,6 +119,10 @@ TEST(Catalogue, NamesAndVariableIds)
 	EXPECT_STREQ(sdb_dyn_var_name(56), "orvia-interface-set-name");
 	EXPECT_STREQ(sdb_section_name(0x40), "dynamic_session");
 	EXPECT_STREQ(sdb_action_name(SDB_ACTION_SELECT), "select");
+	EXPECT_FALSE(sdb_action_valid(SDB_TARGET_ATTR, SDB_ACTION_SET_BITS));
+	EXPECT_TRUE(sdb_action_valid(SDB_TARGET_BITS_SERVICE,
+	    SDB_ACTION_CLEAR_BITS));
+	EXPECT_FALSE(sdb_action_valid(SDB_TARGET_DYNAMIC, 7));
 	EXPECT_EQ(sdb_dyn_var_hash("ab", 2), (uint32_t)('a' * 3 + 'b'));
 	EXPECT_EQ(sdb_dyn_var_hash(nullptr, 0), 0u);
 

@@ -553,6 +553,15 @@ uint32_t sdb_dyn_var_hash(const char *name, size_t len);
 void sdb_dyn_var_print_table(void (*fn)(void *arg, const char *line),
     void *arg);
 const char *sdb_action_name(uint32_t action);
+/* What an update action may work on. */
+enum sdb_update_target {
+	SDB_TARGET_ATTR = 0,		/* a fixed attribute */
+	SDB_TARGET_BITS_CLIENT = 1,	/* CONFIGURATION_BITS of a client */
+	SDB_TARGET_BITS_SERVICE = 2,	/* CONFIGURATION_BITS of a service */
+	SDB_TARGET_DYNAMIC = 3,		/* a dynamic value */
+};
+/* 1 when the action applies to the target; others are refused with -6. */
+int sdb_action_valid(uint32_t target, uint32_t action);
 /* Name of the section of one dirty bit. */
 const char *sdb_section_name(uint32_t dirty_bit);
 /* The dump form of a value into buf; returns its length. */
