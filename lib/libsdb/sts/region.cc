@@ -12,6 +12,7 @@
  */
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -447,4 +448,73 @@ volatile int sdb_sts_assert_line;
 	    "LIBSDB_STS_CORRUPTION: %s:%d short-term store corrupted: %s",
 	    file, line, expr);
 	sdb_sts_assert_fail(expr, file, line);
+}
+
+namespace {
+/* Bytes of the slot up to the end of the last piece in use. */
+uint32_t used_extent(const sdb_sts_entry *e, uint16_t *tail_prev)
+{
+	const uint8_t *slot = sdb_sts_slot(e);
+	uint16_t prev = 0, last = 0;
+	for (uint16_t off = e->free_list_offset, n = 0; off != 0 &&
+	    n < SDB_STS_SLOT_MAX / 4; n++) {
+		const auto *fn = at<sdb_sts_free_node>(slot, off);
+		if (fn->next == 0) {
+			last = off;
+			break;
+		}
+		prev = off;
+		off = fn->next;
+	}
+	*tail_prev = prev;
+	if (last != 0 &&
+	    last + at<sdb_sts_free_node>(slot, last)->len == e->slot_size)
+		return last;
+	*tail_prev = 0xFFFF;	/* the slot is used to its end */
+	return e->slot_size;
+}
+} // namespace
+
+extern "C" int sdb_sts_get_entry_and_len(uint64_t sid, uint32_t *len,
+    void *buf)
+{
+	sdb_sts_entry *e = sdb_sts_entry_find(sid);
+	if (e == nullptr)
+		return SDB_ERR_NOT_FOUND;
+	uint16_t tail_prev;
+	uint32_t used = used_extent(e, &tail_prev);
+	uint32_t need = SDB_STS_ENTRY_SIZE + used;
+	if (*len < need) {
+		*len = need;
+		entry_unlock(e);
+		return SDB_ERR_NOMEM;
+	}
+	auto *out = static_cast<uint8_t *>(buf);
+	memcpy(out, e, SDB_STS_ENTRY_SIZE);
+	memcpy(out + SDB_STS_ENTRY_SIZE, sdb_sts_slot(e), used);
+	entry_unlock(e);
+	/* The copy holds no lock and ends where its bytes end. */
+	auto *c = reinterpret_cast<sdb_sts_entry *>(out);
+	memset(out, 0, 16);
+	c->next = c->prev = SDB_STS_NO_LINK;
+	c->slot_size = used;
+	if (tail_prev == 0)
+		c->free_list_offset = 0;
+	else if (tail_prev != 0xFFFF)
+		at<sdb_sts_free_node>(out + SDB_STS_ENTRY_SIZE, tail_prev)->next = 0;
+	*len = need;
+	return 0;
+}
+
+extern "C" sdb_sts_entry *sdb_sts_entry_copy(uint64_t sid)
+{
+	uint32_t len = SDB_STS_ENTRY_SIZE + SDB_STS_SLOT_MAX;
+	void *buf = malloc(len);
+	if (buf == nullptr)
+		return nullptr;
+	if (sdb_sts_get_entry_and_len(sid, &len, buf) != 0) {
+		free(buf);
+		return nullptr;
+	}
+	return static_cast<sdb_sts_entry *>(buf);
 }

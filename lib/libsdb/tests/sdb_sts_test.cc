@@ -282,6 +282,38 @@ TEST_F(Store, HomeEntriesAndABusyHome)
 	EXPECT_EQ(sdb_sts_entry_remove(1), SDB_ERR_NOT_FOUND);
 }
 
+TEST_F(Store, APrivateCopyHoldsTheUsedBytesAndReadsTheSame)
+{
+	sdb_sts_entry *e = sdb_sts_entry_create(6);
+	ASSERT_EQ(sdb_sts_entry_put_attr(e, USER_NAME, 4, "carl"), 0);
+	ASSERT_EQ(sdb_sts_entry_put_app(e, 2, "blob", 4), 0);
+	ASSERT_EQ(sdb_sts_entry_put_dyn_general(e, "x", "y", 1), 0);
+	sdb_sts_entry_release(e);
+	uint32_t len = 100;
+	std::vector<uint8_t> buf(100);
+	ASSERT_EQ(sdb_sts_get_entry_and_len(6, &len, buf.data()), SDB_ERR_NOMEM);
+	EXPECT_LT(len, 76u + 4096);
+	buf.resize(len);
+	ASSERT_EQ(sdb_sts_get_entry_and_len(6, &len, buf.data()), 0);
+	auto *c = reinterpret_cast<sdb_sts_entry *>(buf.data());
+	EXPECT_EQ(c->slot_size + 76, len);
+	EXPECT_EQ(c->lock_pid, 0u);
+	char v[8];
+	uint32_t vl = sizeof v;
+	ASSERT_EQ(sdb_sts_entry_get_attr(c, USER_NAME, &vl, v), 0);
+	EXPECT_STREQ(v, "carl");
+	vl = sizeof v;
+	ASSERT_EQ(sdb_sts_entry_get_app(c, 2, &vl, v), 0);
+	/* The copy's slot is full: it cannot grow, a put fails cleanly. */
+	EXPECT_EQ(sdb_sts_entry_put_attr(c, PROFILE_NAME, 9, "123456789"),
+	    SDB_ERR_NOMEM);
+	sdb_sts_entry *m = sdb_sts_entry_copy(6);
+	ASSERT_NE(m, nullptr);
+	EXPECT_EQ(memcmp(m, c, len), 0);
+	free(m);
+	EXPECT_EQ(sdb_sts_entry_copy(7), nullptr);
+}
+
 TEST_F(Store, HeapAgainstAModel)
 {
 	/* Blocks of slot sizes taken and given back at random: never two

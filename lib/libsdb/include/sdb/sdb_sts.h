@@ -266,6 +266,16 @@ void sdb_sts_heap_defragment(struct sdb_sts_entry *e, int *released);
 /* Bytes of the slot in use (allocated pieces and the 4 bytes at 0). */
 uint32_t sdb_sts_entry_used_bytes(const struct sdb_sts_entry *e);
 
+/*
+ * A private copy of a resident session: its 76 entry bytes, then its slot
+ * cut after the last piece in use (the slot size of the copy says how
+ * much).  get_entry_and_len: *len in is the room of buf, out 76 + the
+ * used bytes; -2 when buf is too small, -7 when the session is not in the
+ * store.  entry_copy: the same into malloc'd memory the caller frees.
+ */
+int sdb_sts_get_entry_and_len(uint64_t sid, uint32_t *len, void *buf);
+struct sdb_sts_entry *sdb_sts_entry_copy(uint64_t sid);
+
 /* Slot bytes of an entry, in the mapping or behind a private copy. */
 uint8_t *sdb_sts_slot(const struct sdb_sts_entry *e);
 
