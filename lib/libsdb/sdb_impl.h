@@ -17,6 +17,7 @@
 #include "sdb/keel.h"
 #include "sdb/sdb.h"
 #include "sdb/sdb_db.h"
+#include "sdb/sdb_sts.h"
 
 /* Trace through the application's callback (texts without a tag). */
 void sdb_trace(int level, const char *fmt, ...)
@@ -83,9 +84,6 @@ void sdb_unit_pools_init(void);
 void sdb_unit_pools_forget(void);
 int sdb_lts_init(bool is_keel);
 void sdb_lts_close(void);
-int sdb_sts_init(uint64_t bytes, uint32_t unit_bytes);
-void sdb_sts_close(void);
-void sdb_sts_quiesce(void);
 int sdb_mailbox_attach(void);
 void sdb_mailbox_detach(void);
 void sdb_sem_forget(void);
