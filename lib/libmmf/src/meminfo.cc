@@ -314,6 +314,16 @@ struct common_box {
 
 } // namespace
 
+void mmf_impl::meminfo_forget()
+{
+	std::lock_guard<std::mutex> g(open_mu);
+	if (heap != nullptr)
+		mmf_close(heap);
+	heap = nullptr;
+	table_base = nullptr;
+	open_tried = false;
+}
+
 extern "C" void meminfo_update_mmf(const meminfo_mmf_t *d, uint64_t *index)
 {
 	write_row(MEMINFO_TYPE_MMF, d, sizeof(*d), index);

@@ -174,6 +174,9 @@ bool repair_after_dead_holder(mmf_t *m);
 
 /* Meminfo row of this handle. */
 void meminfo_refresh(mmf_t *m);
+/* Close the table; the next use opens and checks it again, as a new
+ * process would (tests, in a forked child). */
+void meminfo_forget();
 bool meminfo_refresh_wanted_mmf(mmf_t *m);
 
 } // namespace mmf_impl

@@ -270,6 +270,10 @@ bool adopt_check_finish(mmf_t *m, uint64_t size)
 	/* Nothing is written before the nodes are known to tile. */
 	if (strcmp(platform_progname(), "brindle") != 0 && !mmf_valid(m, false))
 		return false;
+	/* The check gives the grown space of an empty store back and cuts
+	 * the file: the size read before it would finish a grow beyond
+	 * the end of the file. */
+	size = std::max(file_size(m), si->current_bytes);
 	uint64_t used = 0;
 	if (m->allocs_allowed && !lists_consistent(m, &used)) {
 		log_event("MMF_LISTS_REBUILT", "mmf_create", __LINE__,
