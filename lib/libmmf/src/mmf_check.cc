@@ -103,8 +103,7 @@ private:
  */
 void note_repairable(mmf_check_report *r)
 {
-	r->repairable = r->status == MMF_CHECK_SIZE ||
-	    r->status == MMF_CHECK_FREE_LIST ||
+	r->repairable = r->repairable || r->status == MMF_CHECK_FREE_LIST ||
 	    r->status == MMF_CHECK_ACCOUNTING;
 }
 
@@ -135,8 +134,10 @@ mmf_check_status check(source &src, uint64_t file_bytes,
 	    (src.get(foa + 8, &first_pattern) &&
 	    first_pattern != MMF_HEADER_PATTERN && heads_empty &&
 	    si.allocated_bytes == 0)) {
-		if (grow)
+		if (grow) {
 			*r = grow_report;
+			r->repairable = true;
+		}
 		return r->status;
 	}
 
@@ -191,6 +192,7 @@ mmf_check_status check(source &src, uint64_t file_bytes,
 		r->free_bytes = fb;
 		r->used_nodes = un;
 		r->used_bytes = ub;
+		r->repairable = true;
 		return r->status;
 	}
 
