@@ -181,12 +181,14 @@ extern "C" int sdb_sentry_lock_acquire(uint64_t sid)
 	slow_wait slow;
 	for (uint32_t attempts = 0;; attempts++) {
 		uint32_t expect = 0;
-		bool stale_own = expect == me && owned.count(bucket_of(sid)) == 0;
-		if (stale_own || owner.compare_exchange_strong(expect, me)) {
+		bool won = owner.compare_exchange_strong(expect, me);
+		if (!won && expect == me && owned.count(bucket_of(sid)) == 0) {
 			/* A word with our pid that we never took was left by
 			 * a dead process of the same pid: it is ours now. */
-			if (stale_own)
-				sdb_count(h->bucket_owner_dead);
+			sdb_count(h->bucket_owner_dead);
+			won = true;
+		}
+		if (won) {
 			owned.insert(bucket_of(sid));
 			if (attempts != 0)
 				sdb_count64(h->bucket_locks_contended, 1);
