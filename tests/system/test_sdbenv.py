@@ -3,6 +3,7 @@
 Every scenario runs in an IPC namespace of its own.
 """
 import os
+import random
 import re
 import select
 import signal
@@ -250,3 +251,36 @@ def test_hung_bucket_holder_is_killed_and_the_waiter_goes_on(sc, root):
     assert int(taker.expect(r"^owner_dead (\d+)$").group(1)) >= 1
     assert taker.wait() == 0
     assert holder.wait() != 0
+
+
+def test_unit_pool_soak_with_random_kills_hands_no_unit_out_twice(sc, root):
+    """Clients take and give back units and are killed at random; each
+    unit held is claimed by a file made with O_EXCL, so a unit handed out
+    twice ends its second taker with exit 3.  "make torture" runs this
+    with thousands of kills (TOLVAR_TORTURE_KILLS)."""
+    sc.start_keel()
+    wanted = int(os.environ.get("TOLVAR_TORTURE_KILLS", "0"))
+    pause = (0.005, 0.05) if wanted else (0.02, 0.2)
+    rng = random.Random(1729)
+    workers = [sc.client("unit-soak", "600", i) for i in range(4)]
+    kills = 0
+    deadline = time.monotonic() + 3.0
+    while (kills < wanted) if wanted else time.monotonic() < deadline:
+        time.sleep(rng.uniform(*pause))
+        i = rng.randrange(len(workers))
+        w = workers[i]
+        if w.p.poll() is not None:
+            assert w.p.returncode == 0, w.lines
+        else:
+            w.kill()
+            kills += 1
+        w.p.stdout.close()  # thousands of kills: keep no pipe open
+        workers[i] = sc.client("unit-soak", "600", 100 + kills)
+    for w in workers:
+        assert w.p.poll() is None, w.lines
+        w.kill()
+    finishers = [sc.client("unit-soak", "0.5", 900 + i) for i in range(2)]
+    for w in finishers:
+        w.expect(r"^ok taken=[1-9]")
+        assert w.wait() == 0
+    assert kills >= 10

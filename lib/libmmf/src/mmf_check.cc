@@ -122,6 +122,14 @@ mmf_check_status check(source &src, uint64_t file_bytes,
 	if (s != MMF_CHECK_OK && !grow)
 		return s;
 	memset(r, 0, sizeof(*r));
+	/* The grow's finding, with the counts of the nodes walked. */
+	auto as_grow = [&] {
+		r->status = grow_report.status;
+		r->bad_offset = grow_report.bad_offset;
+		memcpy(r->detail, grow_report.detail, sizeof(r->detail));
+		r->repairable = true;
+		return r->status;
+	};
 	const uint64_t cur = si.current_bytes, foa = si.first_alloc_offset;
 
 	/* A store opened without allocations has no nodes, only its
@@ -134,11 +142,7 @@ mmf_check_status check(source &src, uint64_t file_bytes,
 	    (src.get(foa + 8, &first_pattern) &&
 	    first_pattern != MMF_HEADER_PATTERN && heads_empty &&
 	    si.allocated_bytes == 0)) {
-		if (grow) {
-			*r = grow_report;
-			r->repairable = true;
-		}
-		return r->status;
+		return grow ? as_grow() : r->status;
 	}
 
 	/* Offsets of the free nodes, ascending as the walk finds them. */
@@ -183,18 +187,8 @@ mmf_check_status check(source &src, uint64_t file_bytes,
 		}
 		off += n.len;
 	}
-	if (grow) {
-		uint64_t nodes = r->nodes, fn = r->free_nodes, fb = r->free_bytes;
-		uint64_t un = r->used_nodes, ub = r->used_bytes;
-		*r = grow_report;
-		r->nodes = nodes;
-		r->free_nodes = fn;
-		r->free_bytes = fb;
-		r->used_nodes = un;
-		r->used_bytes = ub;
-		r->repairable = true;
-		return r->status;
-	}
+	if (grow)
+		return as_grow();
 
 	uint64_t listed = 0;
 	for (uint32_t i = 0; i < si.num_alloc_sizes; i++) {
