@@ -180,7 +180,10 @@ TEST(Meminfo, AWriterKilledInAnAppendLosesNoRow)
 		meminfo_reader_t *r = meminfo_reader_create();
 		uint32_t gen = meminfo_reader_header(r)->generation;
 		meminfo_reader_delete(r);
-		std::string name = std::string("append-") + point;
+		/* New names at every run: an append, not an update. */
+		static int run;
+		std::string name = std::string("append-") + point + "-" +
+		    std::to_string(run++);
 		pid_t child = fork();
 		if (child == 0) {
 			tolvar_crash_point_arm(point, 1, TOLVAR_CRASH_KILL);
@@ -195,7 +198,8 @@ TEST(Meminfo, AWriterKilledInAnAppendLosesNoRow)
 		child = fork();
 		if (child == 0) {
 			mmf_impl::meminfo_forget();
-			meminfo_shm_t d = shm_row("opened-after", 3);
+			meminfo_shm_t d = shm_row(("opened-after-" +
+			    name).c_str(), 3);
 			meminfo_update_shm(&d, nullptr);
 			_exit(0);
 		}
@@ -206,7 +210,7 @@ TEST(Meminfo, AWriterKilledInAnAppendLosesNoRow)
 		meminfo_reader_delete(r);
 		uint64_t bytes;
 		EXPECT_EQ(count_shm("before-append", &bytes), 1);
-		EXPECT_EQ(count_shm("opened-after", &bytes), 1);
+		EXPECT_EQ(count_shm(("opened-after-" + name).c_str(), &bytes), 1);
 		bool taken_in = strcmp(point, "meminfo.row_written") != 0;
 		EXPECT_EQ(count_shm(name.c_str(), &bytes), taken_in ? 1 : 0);
 	}
