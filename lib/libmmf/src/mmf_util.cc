@@ -254,10 +254,6 @@ extern "C" pid_t mmf_getpid(void)
 	return pid;
 }
 
-/*
- * A zombie counts as dead: it still has its /proc entry, but it can never
- * release a lock, and its parent may be slow to reap it.
- */
 /* A process we may not inspect is none of ours: every user of a store
  * runs as the same user and can read the others' maps.  A file we cannot
  * stat is taken as mapped, so that doubt never frees a lock. */
@@ -284,6 +280,10 @@ extern "C" bool mmf_pid_maps_file(pid_t pid, int fd)
 	return maps;
 }
 
+/*
+ * A zombie counts as dead: it still has its /proc entry, but it can never
+ * release a lock, and its parent may be slow to reap it.
+ */
 extern "C" bool mmf_pid_alive(pid_t pid)
 {
 	if (pid <= 0)
