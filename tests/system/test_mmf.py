@@ -7,7 +7,6 @@ semaphore has a fixed key), made persistent with "unshare --ipc=FILE"
 and entered by every process of the scenario with nsenter.
 """
 import os
-import random
 import re
 import signal
 import struct
@@ -16,7 +15,7 @@ import time
 
 import pytest
 
-from conftest import program, wait_for
+from conftest import program, random_kills, wait_for
 
 GENEROUS = 60.0
 STORE = "/mfs/var/test/heap"
@@ -167,24 +166,17 @@ def test_soak_with_random_kills_leaves_a_valid_heap(heap):
     and an MMF_CORRUPT event.  "make torture" runs this with thousands of
     kills (TOLVAR_TORTURE_KILLS)."""
     assert heap.run("create", STORE).returncode == 0
-    wanted = int(os.environ.get("TOLVAR_TORTURE_KILLS", "0"))
-    pause = (0.005, 0.05) if wanted else (0.02, 0.2)
-    rng = random.Random(4711)
-    workers = [heap.start("soak", STORE, "600", str(i)) for i in range(4)]
-    kills = 0
-    deadline = time.monotonic() + 4.0
-    while (kills < wanted) if wanted else time.monotonic() < deadline:
-        time.sleep(rng.uniform(*pause))
-        i = rng.randrange(len(workers))
-        w = workers[i]
+
+    def stop(w):
         if w.poll() is not None:
             out, _ = w.communicate()
             assert w.returncode == 0, out
-        else:
-            w.kill()
-            w.wait()
-            kills += 1
-        workers[i] = heap.start("soak", STORE, "60", str(100 + kills))
+            return False
+        w.kill()
+        w.communicate()
+        return True
+    workers, kills = random_kills(
+        lambda n: heap.start("soak", STORE, "600", str(n)), stop, 4711)
     finishers = [heap.start("soak", STORE, "0.5", str(900 + i))
                  for i in range(2)]
     for w in workers:

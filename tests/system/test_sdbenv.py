@@ -3,7 +3,6 @@
 Every scenario runs in an IPC namespace of its own.
 """
 import os
-import random
 import re
 import select
 import signal
@@ -12,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import wait_for
+from conftest import random_kills, wait_for
 from ipc_scenario import GENEROUS, IpcScenario, ipc_ns  # noqa: F401
 
 
@@ -259,23 +258,17 @@ def test_unit_pool_soak_with_random_kills_hands_no_unit_out_twice(sc, root):
     twice ends its second taker with exit 3.  "make torture" runs this
     with thousands of kills (TOLVAR_TORTURE_KILLS)."""
     sc.start_keel()
-    wanted = int(os.environ.get("TOLVAR_TORTURE_KILLS", "0"))
-    pause = (0.005, 0.05) if wanted else (0.02, 0.2)
-    rng = random.Random(1729)
-    workers = [sc.client("unit-soak", "600", i) for i in range(4)]
-    kills = 0
-    deadline = time.monotonic() + 3.0
-    while (kills < wanted) if wanted else time.monotonic() < deadline:
-        time.sleep(rng.uniform(*pause))
-        i = rng.randrange(len(workers))
-        w = workers[i]
-        if w.p.poll() is not None:
-            assert w.p.returncode == 0, w.lines
-        else:
+
+    def stop(w):
+        killed = w.p.poll() is None
+        if killed:
             w.kill()
-            kills += 1
+        else:
+            assert w.p.returncode == 0, w.lines
         w.p.stdout.close()  # thousands of kills: keep no pipe open
-        workers[i] = sc.client("unit-soak", "600", 100 + kills)
+        return killed
+    workers, kills = random_kills(
+        lambda n: sc.client("unit-soak", "600", n), stop, 1729)
     for w in workers:
         assert w.p.poll() is None, w.lines
         w.kill()
