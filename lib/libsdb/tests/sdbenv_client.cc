@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <string>
 #include <sys/sem.h>
@@ -144,6 +145,7 @@ int unit_soak(double seconds, unsigned seed)
 				say("twice %u", u);
 				return 3;
 			}
+			dprintf(fd, "%d\n", (int)getpid());
 			close(fd);
 			held.push_back(u);
 			taken++;
@@ -163,6 +165,43 @@ int unit_soak(double seconds, unsigned seed)
 	return 0;
 }
 
+/*
+ * Give back the units whose claims name a dead process, as a recovery
+ * would.  Run by one process at a time: the claim goes first, then the
+ * unit, in the takers' order.
+ */
+int unit_reclaim(void)
+{
+	std::string claims = tolvar::path("/var/tmp/unit-claims");
+	DIR *d = opendir(claims.c_str());
+	if (d == nullptr)
+		return 0;
+	int given = 0, rc = 0;
+	while (struct dirent *e = readdir(d)) {
+		if (e->d_name[0] == '.')
+			continue;
+		std::string f = claims + "/" + e->d_name;
+		FILE *in = fopen(f.c_str(), "r");
+		int pid = 0;
+		if (in == nullptr || fscanf(in, "%d", &pid) != 1)
+			pid = 0;
+		if (in != nullptr)
+			fclose(in);
+		if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH)
+			continue;	/* a taker between open and write, or alive */
+		unlink(f.c_str());
+		uint32_t u = (uint32_t)strtoul(e->d_name, nullptr, 10);
+		if (sdb_unit_release(u, SDB_UNIT_UID) != 0) {
+			say("free %u", u);
+			rc = 3;
+		}
+		given++;
+	}
+	closedir(d);
+	say("reclaimed %d", given);
+	return rc;
+}
+
 int usage(void)
 {
 	fprintf(stderr,
@@ -171,7 +210,7 @@ int usage(void)
 	    "       hold-write | write | hold-read | read | read-on-cue |\n"
 	    "       hold-id | id-lock |\n"
 	    "       id-set n | sem-waiters n | sem-value n |\n"
-	    "       unit-soak seconds seed\n");
+	    "       unit-soak seconds seed | unit-reclaim\n");
 	return 2;
 }
 
@@ -257,6 +296,10 @@ int run(int argc, char **argv)
 	}
 	if (strcmp(cmd, "unit-soak") == 0 && argc > 3) {
 		int rc = unit_soak(atof(argv[2]), (unsigned)atoi(argv[3]));
+		return close_db() == 0 ? rc : 1;
+	}
+	if (strcmp(cmd, "unit-reclaim") == 0) {
+		int rc = unit_reclaim();
 		return close_db() == 0 ? rc : 1;
 	}
 	if (strcmp(cmd, "id-set") == 0) {
