@@ -5,11 +5,13 @@
 #                 with AddressSanitizer and UBSan, then the fuzzers
 #   make demo     run the main job and show what it does
 #   make bench    run the benchmarks
+#   make torture  the long crash campaigns: the heap and unit-pool soaks
+#                 with thousands of kills, crash-point tests many times
 #   make clean    remove the build directories
 
 BUILD ?= build
 
-.PHONY: all build check demo bench clean deps
+.PHONY: all build check demo bench clean deps torture
 
 all: build
 
@@ -28,6 +30,9 @@ demo: build
 
 bench: build
 	tools/bench.sh $(BUILD)
+
+torture: deps
+	BUILD=$(BUILD) tools/torture.sh
 
 clean:
 	rm -rf build build-asan build-fuzz build-reports demo-root

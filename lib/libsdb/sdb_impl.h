@@ -105,6 +105,7 @@ bool sdb_pid_alive(uint32_t pid);
 bool sdb_lts_owner_alive(uint32_t pid);
 void sdb_kill_lock_holder(const char *what, uint32_t pid);
 void sdb_lts_note_mapping_failure(void);
+void sdb_lts_clear_stale_own(void);
 uint32_t sdb_thread_id(void);
 uint64_t sdb_now_usecs(void);
 

@@ -86,3 +86,24 @@ def wait_for(predicate, timeout=10.0, interval=0.02):
 def run(args, root, timeout=20, **kw):
     return subprocess.run(args, env=root.env(**kw.pop("env", {})),
                           capture_output=True, text=True, timeout=timeout, **kw)
+
+
+def random_kills(start, stop, seed, workers=4):
+    """Keep workers running and stop one at random, again and again: for
+    four seconds, or under "make torture" until TOLVAR_TORTURE_KILLS of
+    them were killed.  start(n) starts a worker; stop(w) kills a running
+    one and returns True, or checks one that ended by itself and returns
+    False.  Returns the workers still running and the number of kills."""
+    import random
+    wanted = int(os.environ.get("TOLVAR_TORTURE_KILLS", "0"))
+    pause = (0.005, 0.05) if wanted else (0.02, 0.2)
+    rng = random.Random(seed)
+    running = [start(i) for i in range(workers)]
+    kills = 0
+    deadline = time.monotonic() + 4.0
+    while (kills < wanted) if wanted else time.monotonic() < deadline:
+        time.sleep(rng.uniform(*pause))
+        i = rng.randrange(workers)
+        kills += bool(stop(running[i]))
+        running[i] = start(100 + kills)
+    return running, kills

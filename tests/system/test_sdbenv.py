@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from conftest import wait_for
+from conftest import random_kills, wait_for
 from ipc_scenario import GENEROUS, IpcScenario, ipc_ns  # noqa: F401
 
 
@@ -250,3 +250,36 @@ def test_hung_bucket_holder_is_killed_and_the_waiter_goes_on(sc, root):
     assert int(taker.expect(r"^owner_dead (\d+)$").group(1)) >= 1
     assert taker.wait() == 0
     assert holder.wait() != 0
+
+
+def test_unit_pool_soak_with_random_kills_hands_no_unit_out_twice(sc, root):
+    """Clients take and give back units and are killed at random; each
+    unit held is claimed by a file made with O_EXCL, so a unit handed out
+    twice ends its second taker with exit 3.  The units of dead clients
+    are given back now and then, as a recovery would.  "make torture" runs this
+    with thousands of kills (TOLVAR_TORTURE_KILLS)."""
+    sc.start_keel()
+
+    def stop(w):
+        killed = w.p.poll() is None
+        if killed:
+            w.kill()
+            stop.kills += 1
+            if stop.kills % 20 == 0:  # the units the dead ones held
+                r = sc.run("sdbenv-client", "unit-reclaim")
+                assert r.returncode == 0, r.stdout
+        else:
+            assert w.p.returncode == 0, w.lines
+        w.p.stdout.close()  # thousands of kills: keep no pipe open
+        return killed
+    stop.kills = 0
+    workers, kills = random_kills(
+        lambda n: sc.client("unit-soak", "600", n), stop, 1729)
+    for w in workers:
+        assert w.p.poll() is None, w.lines
+        w.kill()
+    finishers = [sc.client("unit-soak", "0.5", 900 + i) for i in range(2)]
+    for w in finishers:
+        w.expect(r"^ok taken=[1-9]")
+        assert w.wait() == 0
+    assert kills >= 10

@@ -16,7 +16,6 @@
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -164,34 +163,48 @@ int sdbctl_heap(int argc, char **argv)
 		close(fd);
 		return SDBCTL_EXIT_FAIL;
 	}
-	std::vector<unsigned char> image(static_cast<size_t>(st.st_size));
-	size_t size = 0;
-	while (size < image.size()) {
-		ssize_t n = pread(fd, image.data() + size, image.size() - size,
-		    static_cast<off_t>(size));
-		if (n < 0 && errno == EINTR)
-			continue;
-		if (n <= 0)
-			break;	/* shrank under us: check what was there */
-		size += static_cast<size_t>(n);
-	}
-	close(fd);
-	const void *img = image.data();
+	/* Read in pieces: a store may be several GiB. */
+	auto read_at = [](void *ctx, uint64_t off, void *buf, size_t len) {
+		int rfd = *static_cast<int *>(ctx);
+		size_t done = 0;
+		while (done < len) {
+			ssize_t n = pread(rfd, static_cast<char *>(buf) + done,
+			    len - done, static_cast<off_t>(off + done));
+			if (n < 0 && errno == EINTR)
+				continue;
+			if (n <= 0)
+				break;	/* shrank under us */
+			done += static_cast<size_t>(n);
+		}
+		return done;
+	};
+	uint64_t size = static_cast<uint64_t>(st.st_size);
 	mmf_check_report rep;
-	mmf_check_status s = mmf_check_image(img, size, &rep);
-	printf("heap %s: %zu bytes\n", name, size);
-	if (size >= sizeof(mmf_shared_info_t)) {
-		mmf_shared_info_t si;
-		memcpy(&si, img, sizeof(si));
+	mmf_check_status s = mmf_check_file(read_at, &fd, size, &rep);
+	mmf_shared_info_t si;
+	bool have_header = size >= sizeof(si) &&
+	    read_at(&fd, 0, &si, sizeof(si)) == sizeof(si);
+	close(fd);
+	printf("heap %s: %" PRIu64 " bytes\n", name, size);
+	if (have_header) {
 		print_header(si);
 		print_classes(si);
 		print_counters(si);
 	}
-	if (s == MMF_CHECK_OK)
+	if (s == MMF_CHECK_OK || rep.repairable)
 		printf("nodes: %" PRIu64 " (%" PRIu64 " in use, %" PRIu64
 		    " bytes; %" PRIu64 " free, %" PRIu64 " bytes)\n", rep.nodes,
 		    rep.used_nodes, rep.used_bytes, rep.free_nodes,
 		    rep.free_bytes);
+	if (s != MMF_CHECK_OK && rep.repairable) {
+		/* The library puts these right at the next open. */
+		printf("repairable: %s%s%s\n", mmf_check_status_text(s),
+		    rep.detail[0] != '\0' ? ": " : "", rep.detail);
+		if (have_header && si.lockerpid != 0)
+			printf("lock held by pid %u: the store may be changing\n",
+			    si.lockerpid);
+		return 0;
+	}
 	if (s != MMF_CHECK_OK) {
 		fprintf(stderr, "sdbctl: heap %s: damaged: %s (at offset %" PRIu64
 		    ")%s%s\n", name, mmf_check_status_text(s), rep.bad_offset,

@@ -9,6 +9,7 @@
  */
 #include "mmf/meminfo.h"
 #include "mmf_impl.h"
+#include "platform/crashpoint.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -106,6 +107,51 @@ bool table_sane()
 	return true;
 }
 
+meminfo_row_header_t *row_rw(uint64_t off)
+{
+	return const_cast<meminfo_row_header_t *>(row_at(off));
+}
+
+/* Put the row at off at the end of its type's chain. */
+void chain(uint32_t type, uint64_t off)
+{
+	meminfo_header_t *h = hdr();
+	meminfo_row_header_t *last = row_rw(h->type_list[type].last);
+	if (last != nullptr && h->type_list[type].first != 0 &&
+	    h->type_list[type].last != off)
+		last->next = off;
+	else
+		h->type_list[type].first = off;
+	TOLVAR_CRASH_POINT("meminfo.row_linked");
+	h->type_list[type].last = off;
+}
+
+/*
+ * Chain the rows a writer took in but died before chaining.  Rows lie in
+ * the order they were added, so the rows after a type's last are the
+ * unchained ones, each chained in turn.
+ */
+void chain_orphans()
+{
+	meminfo_header_t *h = hdr();
+	for (uint64_t off = MEMINFO_HEADER_BYTES; off < h->next_free;) {
+		const meminfo_row_header_t *r = row_at(off);
+		if (r == nullptr)
+			return;
+		uint32_t type = r->type;
+		if (type < MEMINFO_TYPES && off > h->type_list[type].last &&
+		    r->next == 0) {
+			const meminfo_row_header_t *last =
+			    row_at(h->type_list[type].last);
+			if (last == nullptr || last->next != off)
+				chain(type, off);
+			else
+				h->type_list[type].last = off;
+		}
+		off += r->total_bytes;
+	}
+}
+
 /* Open the table once per process; absent for good if that fails. */
 bool table_open()
 {
@@ -144,6 +190,8 @@ bool table_open()
 		reset(MEMINFO_RESET_OPEN);
 	else if (t->next_free > MEMINFO_HEADER_BYTES && !table_sane())
 		reset(MEMINFO_RESET_CHECK);
+	else
+		chain_orphans();
 	mmf_unlock(h);
 	return true;
 }
@@ -206,22 +254,26 @@ void write_row(uint32_t type, const void *data, uint32_t size,
 			h->change_count++;
 		}
 	} else {
+		/*
+		 * A writer killed at any point must leave a table that
+		 * passes the check, or the next opener wipes it: the row is
+		 * written beyond next_free, next_free then takes it in, and
+		 * only then is it chained, from the row before it to the
+		 * type's last.  A row taken in but not chained yet is
+		 * chained by the next open.
+		 */
 		off = h->next_free;
 		auto *r = reinterpret_cast<meminfo_row_header_t *>(table_base + off);
 		memcpy(r + 1, buf, size);
 		r->type = type;
 		r->next = 0;
 		r->total_bytes = total;
-		uint64_t last = h->type_list[type].last;
-		if (last != 0 && row_at(last) != nullptr)
-			reinterpret_cast<meminfo_row_header_t *>(table_base +
-			    last)->next = off;
-		else
-			h->type_list[type].first = off;
-		h->type_list[type].last = off;
-		h->rows++;
+		TOLVAR_CRASH_POINT("meminfo.row_written");
 		h->free_bytes -= total;
 		h->next_free += total;
+		h->rows++;
+		TOLVAR_CRASH_POINT("meminfo.row_counted");
+		chain(type, off);
 		h->change_count++;
 	}
 	if (index != nullptr)
@@ -261,6 +313,16 @@ struct common_box {
 };
 
 } // namespace
+
+void mmf_impl::meminfo_forget()
+{
+	std::lock_guard<std::mutex> g(open_mu);
+	if (heap != nullptr)
+		mmf_close(heap);
+	heap = nullptr;
+	table_base = nullptr;
+	open_tried = false;
+}
 
 extern "C" void meminfo_update_mmf(const meminfo_mmf_t *d, uint64_t *index)
 {

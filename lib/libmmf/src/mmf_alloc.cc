@@ -348,7 +348,8 @@ extern "C" void *mmf_alloc_common(mmf_t *m, uint32_t *len, uint64_t *offset)
 				si->common_len = *len;
 			}
 		} else {
-			MMF_ASSERT(*len == m->shared_info->common_len);
+			MMF_ASSERT_TEXT(*len == m->shared_info->common_len,
+			    "*len == mmf->shared_info->common_len");
 		}
 	}
 	si = m->shared_info;

@@ -8,7 +8,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <unordered_set>
+#include <algorithm>
+#include <vector>
 
 namespace {
 
@@ -39,20 +40,186 @@ mmf_check_status fail(mmf_check_report *r, mmf_check_status s, uint64_t at,
 	return s;
 }
 
-template <typename T>
-T load(const uint8_t *image, uint64_t off)
-{
-	T v;
-	memcpy(&v, image + off, sizeof(v));
-	return v;
-}
-
 uint32_t class_of(const mmf_shared_info_t &si, uint32_t len)
 {
 	for (uint32_t i = si.num_alloc_sizes; i-- > 1;)
 		if (len >= si.alloc_sizes[i])
 			return i;
 	return 0;
+}
+
+/*
+ * The bytes under check: an image in memory, or a file read through a
+ * window of at most kWindow bytes, so that a check of a store of several
+ * GiB holds only that much.
+ */
+class source {
+public:
+	source(const uint8_t *image, uint64_t bytes) : image_(image),
+	    bytes_(bytes) {}
+	source(mmf_check_read_fn fn, void *ctx, uint64_t bytes) : fn_(fn),
+	    ctx_(ctx), bytes_(bytes) {}
+
+	/* Copy len bytes at off; false when they lie outside. */
+	bool read(uint64_t off, void *out, size_t len)
+	{
+		if (off > bytes_ || bytes_ - off < len)
+			return false;
+		if (image_ != nullptr) {
+			memcpy(out, image_ + off, len);
+			return true;
+		}
+		if (off < win_off_ || off - win_off_ > win_.size() ||
+		    win_.size() - (off - win_off_) < len) {
+			size_t want = static_cast<size_t>(std::min<uint64_t>(
+			    std::max<size_t>(len, kWindow), bytes_ - off));
+			win_.resize(want);
+			if (fn_(ctx_, off, win_.data(), want) != want) {
+				win_.clear();
+				return false;
+			}
+			win_off_ = off;
+		}
+		memcpy(out, win_.data() + (off - win_off_), len);
+		return true;
+	}
+	template <typename T>
+	bool get(uint64_t off, T *v) { return read(off, v, sizeof(*v)); }
+
+private:
+	static constexpr size_t kWindow = 1 << 20;
+	const uint8_t *image_ = nullptr;
+	mmf_check_read_fn fn_ = nullptr;
+	void *ctx_ = nullptr;
+	uint64_t bytes_;
+	std::vector<uint8_t> win_;
+	uint64_t win_off_ = 0;
+};
+
+/*
+ * A state the opener repairs by itself: the header is good, the nodes
+ * tile, and only the free lists, the allocated bytes or an unfinished
+ * grow disagree.
+ */
+void note_repairable(mmf_check_report *r)
+{
+	r->repairable = r->repairable || r->status == MMF_CHECK_FREE_LIST ||
+	    r->status == MMF_CHECK_ACCOUNTING;
+}
+
+mmf_check_status check(source &src, uint64_t file_bytes,
+    mmf_check_report *r)
+{
+	mmf_shared_info_t si;
+	if (!src.get(0, &si))
+		return fail(r, MMF_CHECK_SHORT, 0, "%llu bytes",
+		    static_cast<unsigned long long>(file_bytes));
+	mmf_check_status s = mmf_check_header(&si, sizeof(si), file_bytes, r);
+	/* A file longer than current_bytes is a grow that stopped before
+	 * it was published: the nodes up to current_bytes are checked. */
+	bool grow = s == MMF_CHECK_SIZE && file_bytes > si.current_bytes;
+	mmf_check_report grow_report = *r;
+	if (s != MMF_CHECK_OK && !grow)
+		return s;
+	memset(r, 0, sizeof(*r));
+	/* The grow's finding, with the counts of the nodes walked. */
+	auto as_grow = [&] {
+		r->status = grow_report.status;
+		r->bad_offset = grow_report.bad_offset;
+		memcpy(r->detail, grow_report.detail, sizeof(r->detail));
+		r->repairable = true;
+		return r->status;
+	};
+	const uint64_t cur = si.current_bytes, foa = si.first_alloc_offset;
+
+	/* A store opened without allocations has no nodes, only its
+	 * common area. */
+	bool heads_empty = true;
+	for (uint32_t i = 0; i < MMF_MAX_CLASSES; i++)
+		heads_empty = heads_empty && si.free_heads[i] == 0;
+	uint32_t first_pattern = 0;
+	if (cur - foa < MMF_NODE_HEADER_BYTES ||
+	    (src.get(foa + 8, &first_pattern) &&
+	    first_pattern != MMF_HEADER_PATTERN && heads_empty &&
+	    si.allocated_bytes == 0)) {
+		return grow ? as_grow() : r->status;
+	}
+
+	/* Offsets of the free nodes, ascending as the walk finds them. */
+	std::vector<uint64_t> free_nodes;
+	uint64_t off = foa;
+	while (off < cur) {
+		if (cur - off < MMF_NODE_BYTES)
+			return fail(r, MMF_CHECK_TILING, off,
+			    "%llu bytes left after the last node",
+			    static_cast<unsigned long long>(cur - off));
+		mmf_node_header_t n{};
+		if (!src.get(off, &n))
+			return fail(r, MMF_CHECK_TILING, off,
+			    "node at %llu cannot be read",
+			    static_cast<unsigned long long>(off));
+		if (n.offset != off || n.pattern != MMF_HEADER_PATTERN ||
+		    (n.flags & ~MMF_FLAG_ALL) != 0 || n.len < MMF_NODE_BYTES)
+			return fail(r, MMF_CHECK_NODE, off,
+			    "node at %llu: offset %llu pattern 0x%x flags 0x%x "
+			    "len %u", static_cast<unsigned long long>(off),
+			    static_cast<unsigned long long>(n.offset), n.pattern,
+			    n.flags, n.len);
+		if (n.len > cur - off || n.prev_offset >= cur ||
+		    n.next_offset >= cur)
+			return fail(r, MMF_CHECK_TILING, off,
+			    "node at %llu runs past the end",
+			    static_cast<unsigned long long>(off));
+		mmf_node_trailer_t t{};
+		if (!src.get(off + n.len - MMF_NODE_TRAILER_BYTES, &t) ||
+		    t.pattern != MMF_TRAILER_PATTERN || t.len != n.len)
+			return fail(r, MMF_CHECK_NODE, off,
+			    "trailer of node at %llu: pattern 0x%x len %u",
+			    static_cast<unsigned long long>(off), t.pattern, t.len);
+		r->nodes++;
+		if (n.flags & MMF_FLAG_FREE) {
+			r->free_nodes++;
+			r->free_bytes += n.len;
+			free_nodes.push_back(off);
+		} else {
+			r->used_nodes++;
+			r->used_bytes += n.len;
+		}
+		off += n.len;
+	}
+	if (grow)
+		return as_grow();
+
+	uint64_t listed = 0;
+	for (uint32_t i = 0; i < si.num_alloc_sizes; i++) {
+		uint64_t prev = 0;
+		for (uint64_t o = si.free_heads[i]; o != 0;) {
+			mmf_node_header_t n{};
+			if (!std::binary_search(free_nodes.begin(),
+			    free_nodes.end(), o) || ++listed > r->free_nodes ||
+			    !src.get(o, &n))
+				return fail(r, MMF_CHECK_FREE_LIST, o,
+				    "class %u: %llu is not a free node once", i,
+				    static_cast<unsigned long long>(o));
+			if (n.prev_offset != prev || class_of(si, n.len) != i)
+				return fail(r, MMF_CHECK_FREE_LIST, o,
+				    "class %u: node %llu misplaced", i,
+				    static_cast<unsigned long long>(o));
+			prev = o;
+			o = n.next_offset;
+		}
+	}
+	if (listed != r->free_nodes)
+		return fail(r, MMF_CHECK_FREE_LIST, 0,
+		    "%llu free nodes, %llu on the lists",
+		    static_cast<unsigned long long>(r->free_nodes),
+		    static_cast<unsigned long long>(listed));
+	if (r->used_bytes != si.allocated_bytes)
+		return fail(r, MMF_CHECK_ACCOUNTING, 0x34,
+		    "allocated bytes %llu, nodes in use hold %llu",
+		    static_cast<unsigned long long>(si.allocated_bytes),
+		    static_cast<unsigned long long>(r->used_bytes));
+	return MMF_CHECK_OK;
 }
 
 } // namespace
@@ -115,91 +282,19 @@ extern "C" enum mmf_check_status mmf_check_header(const void *image,
 extern "C" enum mmf_check_status mmf_check_image(const void *image,
     size_t image_bytes, struct mmf_check_report *r)
 {
-	mmf_check_status s = mmf_check_header(image, image_bytes, image_bytes,
-	    r);
-	if (s != MMF_CHECK_OK)
-		return s;
-	const uint8_t *img = static_cast<const uint8_t *>(image);
-	mmf_shared_info_t si;
-	memcpy(&si, image, sizeof(si));
-	const uint64_t cur = si.current_bytes, foa = si.first_alloc_offset;
+	memset(r, 0, sizeof(*r));
+	source src(static_cast<const uint8_t *>(image), image_bytes);
+	check(src, image_bytes, r);
+	note_repairable(r);
+	return r->status;
+}
 
-	/* A store opened without allocations has no nodes, only its
-	 * common area. */
-	bool heads_empty = true;
-	for (uint32_t i = 0; i < MMF_MAX_CLASSES; i++)
-		heads_empty = heads_empty && si.free_heads[i] == 0;
-	if (cur - foa < MMF_NODE_HEADER_BYTES ||
-	    (load<uint32_t>(img, foa + 8) != MMF_HEADER_PATTERN &&
-	    heads_empty && si.allocated_bytes == 0))
-		return MMF_CHECK_OK;
-
-	std::unordered_set<uint64_t> free_nodes;
-	uint64_t off = foa;
-	while (off < cur) {
-		if (cur - off < MMF_NODE_BYTES)
-			return fail(r, MMF_CHECK_TILING, off,
-			    "%llu bytes left after the last node",
-			    static_cast<unsigned long long>(cur - off));
-		mmf_node_header_t n;
-		memcpy(&n, img + off, sizeof(n));
-		if (n.offset != off || n.pattern != MMF_HEADER_PATTERN ||
-		    (n.flags & ~MMF_FLAG_ALL) != 0 || n.len < MMF_NODE_BYTES)
-			return fail(r, MMF_CHECK_NODE, off,
-			    "node at %llu: offset %llu pattern 0x%x flags 0x%x "
-			    "len %u", static_cast<unsigned long long>(off),
-			    static_cast<unsigned long long>(n.offset), n.pattern,
-			    n.flags, n.len);
-		if (n.len > cur - off || n.prev_offset >= cur ||
-		    n.next_offset >= cur)
-			return fail(r, MMF_CHECK_TILING, off,
-			    "node at %llu runs past the end",
-			    static_cast<unsigned long long>(off));
-		mmf_node_trailer_t t;
-		memcpy(&t, img + off + n.len - MMF_NODE_TRAILER_BYTES, sizeof(t));
-		if (t.pattern != MMF_TRAILER_PATTERN || t.len != n.len)
-			return fail(r, MMF_CHECK_NODE, off,
-			    "trailer of node at %llu: pattern 0x%x len %u",
-			    static_cast<unsigned long long>(off), t.pattern, t.len);
-		r->nodes++;
-		if (n.flags & MMF_FLAG_FREE) {
-			r->free_nodes++;
-			r->free_bytes += n.len;
-			free_nodes.insert(off);
-		} else {
-			r->used_nodes++;
-			r->used_bytes += n.len;
-		}
-		off += n.len;
-	}
-
-	uint64_t listed = 0;
-	for (uint32_t i = 0; i < si.num_alloc_sizes; i++) {
-		uint64_t prev = 0;
-		for (uint64_t o = si.free_heads[i]; o != 0;) {
-			if (free_nodes.count(o) == 0 || ++listed > r->free_nodes)
-				return fail(r, MMF_CHECK_FREE_LIST, o,
-				    "class %u: %llu is not a free node once", i,
-				    static_cast<unsigned long long>(o));
-			mmf_node_header_t n;
-			memcpy(&n, img + o, sizeof(n));
-			if (n.prev_offset != prev || class_of(si, n.len) != i)
-				return fail(r, MMF_CHECK_FREE_LIST, o,
-				    "class %u: node %llu misplaced", i,
-				    static_cast<unsigned long long>(o));
-			prev = o;
-			o = n.next_offset;
-		}
-	}
-	if (listed != r->free_nodes)
-		return fail(r, MMF_CHECK_FREE_LIST, 0,
-		    "%llu free nodes, %llu on the lists",
-		    static_cast<unsigned long long>(r->free_nodes),
-		    static_cast<unsigned long long>(listed));
-	if (r->used_bytes != si.allocated_bytes)
-		return fail(r, MMF_CHECK_ACCOUNTING, 0x34,
-		    "allocated bytes %llu, nodes in use hold %llu",
-		    static_cast<unsigned long long>(si.allocated_bytes),
-		    static_cast<unsigned long long>(r->used_bytes));
-	return MMF_CHECK_OK;
+extern "C" enum mmf_check_status mmf_check_file(mmf_check_read_fn read,
+    void *ctx, uint64_t file_bytes, struct mmf_check_report *r)
+{
+	memset(r, 0, sizeof(*r));
+	source src(read, ctx, file_bytes);
+	check(src, file_bytes, r);
+	note_repairable(r);
+	return r->status;
 }

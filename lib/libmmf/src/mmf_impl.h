@@ -100,9 +100,12 @@ struct mmf_damage {
 		throw mmf_damage{#expr, __FILE__, __LINE__};		\
 } while (0)
 
-#define MMF_ASSERT(expr) do {						\
+#define MMF_ASSERT(expr) MMF_ASSERT_TEXT(expr, #expr)
+
+/* The same, with the text operators know in place of the expression. */
+#define MMF_ASSERT_TEXT(expr, text) do {				\
 	if (__builtin_expect(!(expr), 0))				\
-		mmf_detected_fatal_problem(__LINE__, #expr, __FILE__,	\
+		mmf_detected_fatal_problem(__LINE__, text, __FILE__,	\
 		    __LINE__);						\
 } while (0)
 
@@ -164,12 +167,16 @@ void set_allocation_info(mmf_shared_info_t *si, uint32_t n,
     const uint32_t *sizes);
 void add_free_bytes(mmf_t *m, uint64_t from, uint64_t to);
 void extend_area(mmf_t *m, uint64_t new_end);
-bool lists_consistent(mmf_t *m);
+/* The lists match the nodes; *used: the bytes of the nodes in use. */
+bool lists_consistent(mmf_t *m, uint64_t *used);
 /* Rebuild what a dead lock holder may have left half done. */
 bool repair_after_dead_holder(mmf_t *m);
 
 /* Meminfo row of this handle. */
 void meminfo_refresh(mmf_t *m);
+/* Close the table; the next use opens and checks it again, as a new
+ * process would (tests, in a forked child). */
+void meminfo_forget();
 bool meminfo_refresh_wanted_mmf(mmf_t *m);
 
 } // namespace mmf_impl

@@ -92,6 +92,8 @@ void *map_regions(mmf_t *m, uint64_t r1, bool twice)
 	uint64_t start = region_start(m, r1);
 	uint64_t bytes = (r1 + (twice ? 2 : 1)) * R - start;
 	uint64_t cap = static_cast<uint64_t>(m->max_mapped_regions) * R;
+	/* Oldest first, as many as the new mapping needs: one more double
+	 * mapping would otherwise pass the bound on the bytes mapped. */
 	while (m->mapped_list != nullptr &&
 	    (m->mapped_bytes + bytes > cap || m->mapped_list_free == nullptr))
 		unmap_owner(m, m->mapped_list->mapping);

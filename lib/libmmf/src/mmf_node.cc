@@ -306,16 +306,19 @@ void extend_area(mmf_t *m, uint64_t new_end)
  * (a wild link, a node twice, a free node missing) is rebuilt from the
  * flags, which loses nothing.
  */
-bool lists_consistent(mmf_t *m)
+bool lists_consistent(mmf_t *m, uint64_t *used)
 {
 	mmf_shared_info_t *si = m->shared_info;
 	uint64_t free_nodes = 0, listed = 0;
+	*used = 0;
 	for (uint64_t off = si->first_alloc_offset; off < si->current_bytes;) {
 		mmf_node_header_t n;
 		if (!node_read(m, off, &n) || n.len < MMF_NODE_BYTES)
 			return false;
 		if (n.flags & MMF_FLAG_FREE)
 			free_nodes++;
+		else
+			*used += n.len;
 		off += n.len;
 	}
 	uint32_t classes = std::min<uint32_t>(si->num_alloc_sizes,

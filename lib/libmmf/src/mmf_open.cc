@@ -14,6 +14,8 @@
 #include "mmf_impl.h"
 
 #include "mmf/mmf_check.h"
+#include "platform/crashpoint.h"
+#include "platform/paths.h"
 #include "platform/process.h"
 
 #include <algorithm>
@@ -34,6 +36,73 @@ namespace {
 
 constexpr key_t kCreationSemKey = 0xDDD5;
 
+/*
+ * The creator of the set holds this flock from semget to SETVAL, so that
+ * a waiter can tell a creator still at work from one that died between
+ * the two calls and left the set at 0 for ever.
+ */
+class creation_window {
+public:
+	creation_window()
+	{
+		mmf_mkdir_path("/var/tmp");
+		fd_ = open(tolvar::path("/var/tmp/mmf_create_sem.lock").c_str(),
+		    O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+	}
+	~creation_window()
+	{
+		if (fd_ >= 0)
+			close(fd_);
+	}
+	creation_window(const creation_window &) = delete;
+	creation_window &operator=(const creation_window &) = delete;
+	void lock() { flock_fd(LOCK_EX); }
+	bool try_lock() { return flock_fd(LOCK_EX | LOCK_NB); }
+
+private:
+	bool flock_fd(int how)
+	{
+		if (fd_ < 0)
+			return true;	/* no lock file: the value decides */
+		while (flock(fd_, how) != 0)
+			if (errno != EINTR)
+				return false;
+		return true;
+	}
+	int fd_;
+};
+
+/* Never set: no semop has run on it and its value is still 0. */
+bool never_initialised(int id)
+{
+	struct semid_ds ds;
+	union {
+		int val;
+		struct semid_ds *buf;
+	} arg;
+	arg.buf = &ds;
+	return semctl(id, 0, IPC_STAT, arg) == 0 && ds.sem_otime == 0 &&
+	    semctl(id, 0, GETVAL) == 0;
+}
+
+/*
+ * A set left at 0 by a creator killed before SETVAL blocks every later
+ * creation.  Once the creator's window lock is free, a set that is still
+ * untouched can only be such a one: set it to 1 here.
+ */
+void repair_uninitialised(int id)
+{
+	if (!never_initialised(id))
+		return;
+	creation_window w;
+	if (!w.try_lock() || !never_initialised(id))
+		return;
+	if (semctl(id, 0, SETVAL, 1) == 0)
+		log_event("MMF_CREATE_SEM_REPAIRED", __func__, __LINE__,
+		    "creation semaphore 0x%x left at 0 by a dead creator; "
+		    "set to 1", static_cast<unsigned>(kCreationSemKey));
+}
+
 int creation_sem()
 {
 	int id = semget(kCreationSemKey, 1, 0600);
@@ -43,8 +112,11 @@ int creation_sem()
 	 * IPC_EXCL: of two first creators only one sets the value to 1;
 	 * the other finds the set and waits at semop until it is set.
 	 */
+	creation_window w;
+	w.lock();
 	id = semget(kCreationSemKey, 1, IPC_CREAT | IPC_EXCL | 0600);
 	if (id >= 0) {
+		TOLVAR_CRASH_POINT("mmf.creation_sem");
 		MMF_ASSERT(semctl(id, 0, SETVAL, 1) == 0);
 		return id;
 	}
@@ -73,8 +145,9 @@ void creation_sem_op(int id, short delta)
 			continue;
 		}
 		MMF_ASSERT(errno == EAGAIN);
-		MMF_ASSERT(now_ns() - start < scaled_ns(60) &&
+		MMF_ASSERT_TEXT(now_ns() - start < scaled_ns(60),
 		    "total_sleeptime.tv_sec < 60");
+		repair_uninitialised(id);
 	}
 }
 
@@ -83,7 +156,7 @@ void flock_bounded(int fd)
 	uint64_t start = now_ns();
 	while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
 		MMF_ASSERT(errno == EWOULDBLOCK || errno == EINTR);
-		MMF_ASSERT(now_ns() - start < scaled_ns(60) &&
+		MMF_ASSERT_TEXT(now_ns() - start < scaled_ns(60),
 		    "total_sleeptime.tv_sec < 60");
 		sleep_ns(1000000);
 	}
@@ -158,14 +231,35 @@ bool refuse(mmf_t *m, const char *why)
 	return false;
 }
 
-bool check_ready(mmf_t *m, uint64_t size)
+/*
+ * Judge one copy of the header against the file size read after it: a
+ * grower extends the file before it publishes current_bytes, so the size
+ * read after the copy is never below the copy's current_bytes.  Reading
+ * current_bytes again, live, would find a grow published in between and
+ * refuse a healthy store.  A shrink publishes first and cuts the file
+ * after: a size below the copy's is judged again on a fresh copy while
+ * current_bytes moves.
+ */
+bool check_ready(mmf_t *m)
 {
 	struct mmf_check_report rep;
-	if (mmf_check_header(m->shared_info, MMF_HEADER_BYTES, size, &rep) ==
-	    MMF_CHECK_OK)
-		return true;
-	if (rep.status == MMF_CHECK_SIZE && size > m->shared_info->current_bytes)
-		return true;	/* an unfinished grow, finished below */
+	for (int tries = 0;; tries++) {
+		mmf_shared_info_t copy;
+		memcpy(&copy, m->shared_info, sizeof(copy));
+		TOLVAR_CRASH_POINT("mmf.open_check");
+		uint64_t size = file_size(m);
+		if (mmf_check_header(&copy, MMF_HEADER_BYTES, size, &rep) ==
+		    MMF_CHECK_OK)
+			return true;
+		if (rep.status != MMF_CHECK_SIZE)
+			break;
+		if (size > copy.current_bytes)
+			return true;	/* an unfinished grow, finished below */
+		mmf_shared_info_t again;
+		memcpy(&again, m->shared_info, sizeof(again));
+		if (again.current_bytes == copy.current_bytes || tries >= 3)
+			break;
+	}
 	return refuse(m, rep.detail);
 }
 
@@ -176,10 +270,23 @@ bool adopt_check_finish(mmf_t *m, uint64_t size)
 	/* Nothing is written before the nodes are known to tile. */
 	if (strcmp(platform_progname(), "brindle") != 0 && !mmf_valid(m, false))
 		return false;
-	if (m->allocs_allowed && !lists_consistent(m)) {
+	/* The check gives the grown space of an empty store back and cuts
+	 * the file: the size read before it would finish a grow beyond
+	 * the end of the file. */
+	size = std::max(file_size(m), si->current_bytes);
+	uint64_t used = 0;
+	if (m->allocs_allowed && !lists_consistent(m, &used)) {
 		log_event("MMF_LISTS_REBUILT", "mmf_create", __LINE__,
 		    "%s: free lists disagree with the nodes; rebuilt", m->name);
-		repair_after_dead_holder(m);
+		repair_after_dead_holder(m);	/* recounts allocated bytes */
+	} else if (m->allocs_allowed && si->allocated_bytes != used) {
+		/* The one counter the nodes tell; the statistics are left. */
+		log_event("MMF_COUNTERS_RECOMPUTED", "mmf_create", __LINE__,
+		    "%s: allocated bytes %llu, nodes in use hold %llu; "
+		    "recomputed", m->name,
+		    static_cast<unsigned long long>(si->allocated_bytes),
+		    static_cast<unsigned long long>(used));
+		si->allocated_bytes = used;
 	}
 	if (si->allocated_bytes == 0 && m->allocs_allowed) {
 		uint32_t have[MMF_MAX_USER_CLASSES];
@@ -205,7 +312,7 @@ bool open_ready(mmf_t *m)
 {
 	mmf_lock(m);
 	uint64_t size = file_size(m);
-	if (!check_ready(m, size)) {
+	if (!check_ready(m)) {
 		mmf_unlock(m);
 		return false;
 	}
@@ -243,7 +350,7 @@ bool init_shared_info(mmf_t *m)
 		if (magic == MMF_MAGIC_INIT &&
 		    si->initializer != static_cast<uint32_t>(mmf_getpid())) {
 			waited = now_ns() - start;
-			MMF_ASSERT(waited < scaled_ns(60) &&
+			MMF_ASSERT_TEXT(waited < scaled_ns(60),
 			    "total_sleeptime.tv_sec < 60");
 			uint64_t second = waited / scaled_ns(1);
 			if (second != last_second) {
@@ -328,7 +435,7 @@ bool map_header(mmf_t *m, bool *is_new)
 	}
 	/* Judge a ready header before writing a byte of the file. */
 	uint32_t magic = m->shared_info->magic;
-	if (!*is_new && magic == MMF_MAGIC_READY && !check_ready(m, size))
+	if (!*is_new && magic == MMF_MAGIC_READY && !check_ready(m))
 		return false;
 	if (magic != MMF_MAGIC_READY && magic != MMF_MAGIC_INIT &&
 	    magic != MMF_MAGIC_NONE)

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <mutex>
 #include <pthread.h>
+#include <spawn.h>
 #include <vector>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -65,10 +66,21 @@ void write_core(const std::string &path, pid_t pid, bool watch)
 	if (access("/usr/bin/gcore", X_OK) != 0)
 		return;
 	char cmd[512];
-	snprintf(cmd, sizeof(cmd), "gcore -c %s %u >/dev/null 2>&1",
-	    path.c_str(), static_cast<unsigned>(pid));
-	int rc = system(cmd);
-	(void)rc;
+	snprintf(cmd, sizeof(cmd), "gcore -c %s %u", path.c_str(),
+	    static_cast<unsigned>(pid));
+	/* The command line is the one operators know; its chatter goes to
+	 * /dev/null through the descriptors, not through the line. */
+	posix_spawn_file_actions_t fa;
+	posix_spawn_file_actions_init(&fa);
+	posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+	posix_spawn_file_actions_adddup2(&fa, 1, 2);
+	char sh[] = "/bin/sh", dash_c[] = "-c";
+	char *argv[] = {sh, dash_c, cmd, nullptr};
+	pid_t child;
+	if (posix_spawn(&child, sh, &fa, nullptr, argv, environ) == 0)
+		while (waitpid(child, nullptr, 0) < 0 && errno == EINTR)
+			;
+	posix_spawn_file_actions_destroy(&fa);
 	if (!watch)
 		return;
 	/* gcore names its file path.pid; watch until the size settles. */
@@ -83,6 +95,41 @@ void write_core(const std::string &path, pid_t pid, bool watch)
 		last = size;
 		mmf_impl::sleep_ns(mmf_impl::scaled_ns(2));
 	}
+}
+
+/* When pid started, in clock ticks after boot; 0 when it is gone. */
+uint64_t start_time(pid_t pid)
+{
+	char path[64], buf[1024];
+	snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+	int fd = open(path, O_RDONLY | O_CLOEXEC);
+	if (fd < 0)
+		return 0;
+	ssize_t n = read(fd, buf, sizeof(buf) - 1);
+	close(fd);
+	if (n <= 0)
+		return 0;
+	buf[n] = '\0';
+	/* The name may hold spaces and parentheses: count from the last
+	 * ')'.  The start time is the 20th field after it. */
+	const char *p = strrchr(buf, ')');
+	for (int field = 0; p != nullptr && field < 20; field++)
+		p = strchr(p + 1, ' ');
+	return p == nullptr ? 0 : strtoull(p + 1, nullptr, 10);
+}
+
+/* The holder's start time a marker records; 0 when it records none. */
+uint64_t marker_start(const std::string &marker)
+{
+	unsigned long long started = 0;
+	unsigned waiter;
+	FILE *f = fopen(marker.c_str(), "r");
+	if (f == nullptr)
+		return 0;
+	if (fscanf(f, "%llu %u", &started, &waiter) != 2)
+		started = 0;
+	fclose(f);
+	return started;
 }
 
 } // namespace
@@ -207,10 +254,6 @@ extern "C" pid_t mmf_getpid(void)
 	return pid;
 }
 
-/*
- * A zombie counts as dead: it still has its /proc entry, but it can never
- * release a lock, and its parent may be slow to reap it.
- */
 /* A process we may not inspect is none of ours: every user of a store
  * runs as the same user and can read the others' maps.  A file we cannot
  * stat is taken as mapped, so that doubt never frees a lock. */
@@ -237,6 +280,10 @@ extern "C" bool mmf_pid_maps_file(pid_t pid, int fd)
 	return maps;
 }
 
+/*
+ * A zombie counts as dead: it still has its /proc entry, but it can never
+ * release a lock, and its parent may be slow to reap it.
+ */
 extern "C" bool mmf_pid_alive(pid_t pid)
 {
 	if (pid <= 0)
@@ -301,18 +348,39 @@ extern "C" void mmf_kill_lock_holder(const char *tag, pid_t pid)
 		_exit(0);
 	}
 
-	/* The marker is made with O_EXCL, so that of many waiters exactly
-	 * one writes cores and kills the holder. */
+	/*
+	 * The marker is made with O_EXCL, so that of many waiters exactly
+	 * one writes cores and kills the holder.  It names the holder by its
+	 * start time as well as its pid: a marker left for an earlier
+	 * process of the same pid would otherwise spare a later hung holder
+	 * for ever.  It is removed once its holder is gone.
+	 */
 	snprintf(path, sizeof(path), "/var/tmp/%s_lock_holder.pid%u.lock", tag,
 	    static_cast<unsigned>(pid));
 	std::string marker = tolvar::path(path);
 	mmf_mkdir_path("/var/tmp");
+	uint64_t started = start_time(pid);
 	int fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
 	    0644);
+	if (fd < 0 && errno == EEXIST && marker_start(marker) != started) {
+		unlink(marker.c_str());
+		fd = open(marker.c_str(), O_WRONLY | O_CREAT | O_EXCL |
+		    O_CLOEXEC, 0644);
+	}
 	if (fd < 0)
 		return;
-	dprintf(fd, "%u\n", static_cast<unsigned>(self));
+	dprintf(fd, "%llu %u\n", static_cast<unsigned long long>(started),
+	    static_cast<unsigned>(self));
 	close(fd);
+	struct marker_removal {
+		std::string path;
+		pid_t pid;
+		~marker_removal()
+		{
+			if (!mmf_pid_alive(pid))
+				unlink(path.c_str());
+		}
+	} removal{marker, pid};
 
 	log_event("MMF_LOCK_HOLDER_KILL", __func__, __LINE__,
 	    "%s lock held too long by pid %u; killing it", tag,
@@ -330,8 +398,12 @@ extern "C" void mmf_kill_lock_holder(const char *tag, pid_t pid)
 	kill(pid, SIGTERM);
 	for (int i = 0; i < 11 && mmf_pid_alive(pid); i++)
 		sleep_ns(scaled_ns(1));
-	if (mmf_pid_alive(pid))
-		kill(pid, SIGKILL);
+	if (!mmf_pid_alive(pid))
+		return;
+	kill(pid, SIGKILL);
+	/* SIGKILL is not refused; the holder is gone within moments. */
+	for (int i = 0; i < 1000 && mmf_pid_alive(pid); i++)
+		sleep_ns(1000000);
 }
 
 extern "C" uint32_t mmf_memory_divisor(uint64_t *bytes)

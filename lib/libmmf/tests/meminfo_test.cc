@@ -4,10 +4,13 @@
  */
 #include "mmf/meminfo.h"
 #include "mmf/mmf.h"
+#include "platform/crashpoint.h"
+#include "../src/mmf_impl.h"
 #include "test_root.h"
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -162,4 +165,53 @@ TEST(Meminfo, DamagedTableResetsAndHistoryKeepsTheFirstTen)
 	uint64_t bytes;
 	EXPECT_EQ(count_shm("after-damage", &bytes), 1);
 	meminfo_reader_delete(r);
+}
+
+/* A writer killed anywhere in an append leaves a table that the next
+ * opener accepts: nothing is reset, and a row taken in is chained. */
+TEST(Meminfo, AWriterKilledInAnAppendLosesNoRow)
+{
+	test_root();
+	meminfo_shm_t base = shm_row("before-append", 1);
+	meminfo_update_shm(&base, nullptr);
+	for (const char *point : {"meminfo.row_written", "meminfo.row_counted",
+	    "meminfo.row_linked"}) {
+		SCOPED_TRACE(point);
+		meminfo_reader_t *r = meminfo_reader_create();
+		uint32_t gen = meminfo_reader_header(r)->generation;
+		meminfo_reader_delete(r);
+		/* New names at every run: an append, not an update. */
+		static int run;
+		std::string name = std::string("append-") + point + "-" +
+		    std::to_string(run++);
+		pid_t child = fork();
+		if (child == 0) {
+			tolvar_crash_point_arm(point, 1, TOLVAR_CRASH_KILL);
+			meminfo_shm_t d = shm_row(name.c_str(), 2);
+			meminfo_update_shm(&d, nullptr);
+			_exit(0);
+		}
+		int st;
+		ASSERT_EQ(waitpid(child, &st, 0), child);
+		ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+		/* The next opener, as a new process finds the table. */
+		child = fork();
+		if (child == 0) {
+			mmf_impl::meminfo_forget();
+			meminfo_shm_t d = shm_row(("opened-after-" +
+			    name).c_str(), 3);
+			meminfo_update_shm(&d, nullptr);
+			_exit(0);
+		}
+		ASSERT_EQ(waitpid(child, &st, 0), child);
+		ASSERT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+		r = meminfo_reader_create();
+		EXPECT_EQ(meminfo_reader_header(r)->generation, gen);
+		meminfo_reader_delete(r);
+		uint64_t bytes;
+		EXPECT_EQ(count_shm("before-append", &bytes), 1);
+		EXPECT_EQ(count_shm(("opened-after-" + name).c_str(), &bytes), 1);
+		bool taken_in = strcmp(point, "meminfo.row_written") != 0;
+		EXPECT_EQ(count_shm(name.c_str(), &bytes), taken_in ? 1 : 0);
+	}
 }

@@ -7,6 +7,7 @@
 #include "mmf/mmf_check.h"
 #include "../src/mmf_impl.h"
 #include "test_root.h"
+#include "platform/crashpoint.h"
 
 #include <gtest/gtest.h>
 
@@ -20,6 +21,7 @@
 #include <thread>
 #include <sstream>
 #include <sys/mman.h>
+#include <sys/sem.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -226,6 +228,19 @@ TEST(MmfGrow, EmptyGrownStoreShrinksAtCheckButNotWhenInUse)
 	EXPECT_GT(mmf_get_current_bytes(m), R);
 	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
 	mmf_delete(m);
+
+	/* Grown while empty: the open's check shrinks it, and the open
+	 * then takes the file as it is now, not as it was. */
+	m = open_regions(name, 8 * R, R, R, 4);
+	ASSERT_NE(m, nullptr);
+	ASSERT_TRUE(mmf_grow(m));
+	EXPECT_EQ(mmf_get_current_bytes(m), 2 * R);
+	mmf_close(m);
+	m = open_regions(name, 8 * R, R, R, 4);
+	ASSERT_NE(m, nullptr);
+	EXPECT_EQ(mmf_get_current_bytes(m), R);
+	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
+	mmf_delete(m);
 }
 
 TEST(MmfCommon, SmallRootLivesInTheHeaderPageAndLargeOneIsAllocated)
@@ -346,6 +361,91 @@ TEST(MmfOpen, UnfinishedGrowIsFinishedNotWiped)
 
 /* Each kind of damage: the open fails with EUCLEAN and an event, and the
  * file is left exactly as it was. */
+/* A creator killed between making the creation semaphore and setting
+ * it to 1 leaves it at 0; the next creator sets it and goes on. */
+TEST(MmfOpen, ACreatorKilledBeforeSettingTheSemaphoreBlocksNoOne)
+{
+	std::string first = store_name("sem-killed");
+	std::string second = store_name("sem-after");
+	int id = semget(0xDDD5, 1, 0600);
+	if (id >= 0) {
+		ASSERT_EQ(semctl(id, 0, IPC_RMID), 0);
+	}
+	pid_t pid = fork();
+	ASSERT_GE(pid, 0);
+	if (pid == 0) {
+		tolvar_crash_point_arm("mmf.creation_sem", 1, TOLVAR_CRASH_KILL);
+		open_whole(first);
+		_exit(0);
+	}
+	int st;
+	ASSERT_EQ(waitpid(pid, &st, 0), pid);
+	ASSERT_TRUE(WIFSIGNALED(st) && WTERMSIG(st) == SIGKILL);
+	id = semget(0xDDD5, 1, 0600);
+	ASSERT_GE(id, 0);
+	EXPECT_EQ(semctl(id, 0, GETVAL), 0);
+	mmf_t *m = open_whole(second);
+	ASSERT_NE(m, nullptr);
+	EXPECT_EQ(semctl(id, 0, GETVAL), 1);
+	EXPECT_NE(events().find("MMF_CREATE_SEM_REPAIRED"), std::string::npos);
+	mmf_delete(m);
+}
+
+/* An opener that reads the header, then the file size, while a grow is
+ * published in between, opens the store. */
+TEST(MmfOpen, AGrowPublishedDuringTheOpenCheckIsNoDamage)
+{
+	std::string name = store_name("grow-race");
+	const uint64_t R = 64 << 10;
+	mmf_t *m = open_regions(name, 16 * R, 2 * R, R, 1);
+	ASSERT_NE(m, nullptr);
+	uint64_t off;
+	ASSERT_NE(mmf_alloc(m, 100, &off), nullptr);	/* no shrink */
+	pid_t pid = fork();
+	ASSERT_GE(pid, 0);
+	if (pid == 0) {
+		tolvar_crash_point_arm("mmf.open_check", 1, TOLVAR_CRASH_STOP);
+		mmf_t *o = open_regions(name, 16 * R, 2 * R, R, 1);
+		_exit(o != nullptr && mmf_get_current_bytes(o) == 3 * R ? 0 : 1);
+	}
+	int st;
+	ASSERT_EQ(waitpid(pid, &st, WUNTRACED), pid);
+	ASSERT_TRUE(WIFSTOPPED(st));
+	ASSERT_TRUE(mmf_grow(m));
+	ASSERT_EQ(mmf_get_current_bytes(m), 3 * R);
+	kill(pid, SIGCONT);
+	ASSERT_EQ(waitpid(pid, &st, 0), pid);
+	EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+	EXPECT_EQ(events().find("grow-race: current bytes"), std::string::npos);
+	mmf_delete(m);
+}
+
+/* Allocated bytes that disagree with the nodes: the check calls it
+ * repairable, and the open recomputes them with an event. */
+TEST(MmfOpen, WrongAllocatedBytesAreRecomputedAtOpen)
+{
+	std::string name = store_name("accounting");
+	mmf_t *m = open_whole(name);
+	ASSERT_NE(m, nullptr);
+	uint64_t off;
+	ASSERT_NE(mmf_alloc(m, 100, &off), nullptr);
+	uint64_t right = mmf_get_allocated_bytes(m);
+	mmf_close(m);
+	uint64_t wrong = right + 4096;
+	write_at(name, 0x34, &wrong, 8);
+	std::vector<uint8_t> img = read_file(name);
+	mmf_check_report rep;
+	EXPECT_EQ(mmf_check_image(img.data(), img.size(), &rep),
+	    MMF_CHECK_ACCOUNTING);
+	EXPECT_TRUE(rep.repairable);
+	m = open_whole(name);
+	ASSERT_NE(m, nullptr);
+	EXPECT_EQ(mmf_get_allocated_bytes(m), right);
+	EXPECT_NE(events().find("MMF_COUNTERS_RECOMPUTED"), std::string::npos);
+	EXPECT_EQ(check_file(name), MMF_CHECK_OK);
+	mmf_delete(m);
+}
+
 TEST(MmfDamage, DamagedFilesAreRefusedAndLeftUntouched)
 {
 	struct damage {

@@ -1,6 +1,7 @@
 /*
  * Every test binary runs below a root of its own, made before the first
- * path is resolved, and in an IPC namespace of its own (see CMakeLists).
+ * path is resolved, and in an IPC namespace of its own, entered at the
+ * same time.
  */
 #ifndef MMF_TEST_ROOT_H
 #define MMF_TEST_ROOT_H
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <sched.h>
 #include <unistd.h>
 #include <sys/stat.h>
 
@@ -17,6 +19,10 @@
 inline const std::string &test_root()
 {
 	static const std::string root = [] {
+		/* ctest runs the binary as it is: the namespace is
+		 * entered here, before any key is used. */
+		if (unshare(CLONE_NEWIPC) != 0)
+			abort();
 		char tmpl[] = "/tmp/mmf-test-XXXXXX";
 		std::string r = mkdtemp(tmpl);
 		setenv("TOLVAR_ROOT", r.c_str(), 1);

@@ -15,9 +15,11 @@
  * holder, allocating or releasing, moves the tail on first.  Words are written
  * in an order that never puts one unit on the list twice.
  */
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 
+#include "platform/crashpoint.h"
 #include "sdb/sdb_id.h"
 #include "sdb_impl.h"
 
@@ -56,14 +58,18 @@ void put(uint32_t &word, uint32_t v)
 	w(word).store(v, std::memory_order_relaxed);
 }
 
+/* The room of a pool in the segment. */
+uint32_t room(int type)
+{
+	return type == SDB_UNIT_IFL ? SDB_SEG_UNIT_POOL0_UNITS :
+	    (sdb_main_segment_size() > SDB_SEG_SIZE ?
+	    SDB_SEG_UNIT_POOL1_UNITS_LARGE : SDB_SEG_UNIT_POOL1_UNITS);
+}
+
 /* The capacity as the pool says, bounded by its room in the segment. */
 uint32_t capacity(int type, sdb_unit_pool *p)
 {
-	uint32_t room = type == SDB_UNIT_IFL ? SDB_SEG_UNIT_POOL0_UNITS :
-	    (sdb_main_segment_size() > SDB_SEG_SIZE ?
-	    SDB_SEG_UNIT_POOL1_UNITS_LARGE : SDB_SEG_UNIT_POOL1_UNITS);
-	uint32_t n = get(p->max_units);
-	return n < room ? n : room;
+	return std::min(get(p->max_units), room(type));
 }
 
 bool valid(uint32_t index, uint32_t cap)
@@ -139,8 +145,11 @@ void link_ascending(sdb_unit_pool *p, uint32_t cap)
 		put(p->tail, SDB_UNIT_END);
 		return;
 	}
-	for (uint32_t i = 0; i + 1 < cap; i++)
+	for (uint32_t i = 0; i + 1 < cap; i++) {
 		put(p->link[i], i + 1);
+		if (i == cap / 2)
+			TOLVAR_CRASH_POINT("unit.fill");
+	}
 	put(p->link[cap - 1], SDB_UNIT_END);
 	put(p->tail, cap - 1);
 	put(p->head, 0);
@@ -205,10 +214,17 @@ extern "C" int sdb_unit_init(uint32_t cap, bool creator, int type)
 		return SDB_UNIT_ERR_LOCK;
 	if (get(p->max_units) != 0)
 		return 0;
-	put(p->max_units, cap);
-	cap = capacity(type, p);
-	put(p->available, cap);
+	/*
+	 * The capacity marks the pool as filled, so it is written last: a
+	 * creator that dies inside the fill leaves capacity 0, and the next
+	 * start fills the pool again.  Written first, it left a pool whose
+	 * links end early and lead back to unit 0, handed out twice.
+	 */
+	cap = std::min(cap, room(type));
 	link_ascending(p, cap);
+	put(p->available, cap);
+	TOLVAR_CRASH_POINT("unit.fill_done");
+	put(p->max_units, cap);
 	return 0;
 }
 

@@ -10,10 +10,15 @@
  * - A dead owner is found by the next waiter: after 500 failed attempts it
  *   reads the clock and, at once and then every 2 seconds, asks whether
  *   the owner lives and maps sdb.head.
+ * - The own pid in an owner word that this process did not take is a dead
+ *   owner's pid, reused: the buckets this process holds are kept in
+ *   `owned`.  A process clears such words when it maps sdb.head, so a
+ *   waiter never takes it for the owner, and never kills it.
  */
 #include <atomic>
 #include <ctime>
 #include <unistd.h>
+#include <unordered_set>
 
 #include "platform/timescale.h"
 #include "sdb_impl.h"
@@ -27,6 +32,14 @@ struct process_lock {
 	uint64_t wait_total = 0;
 	uint64_t wait_usecs = 0;
 } sdb_process_lock;
+
+/* The buckets this process holds; changed by the process lock's holder. */
+std::unordered_set<uint32_t> owned;
+
+uint32_t bucket_of(uint64_t sid)
+{
+	return (uint32_t)(sid % sdb_lts_bucket_count());
+}
 
 std::atomic<bool> lts_frozen{false};
 std::atomic<uint32_t> lts_frozen_thread{0};
@@ -42,8 +55,7 @@ void sleep_ms(long ms)
 
 std::atomic_ref<uint32_t> owner_word(uint64_t sid)
 {
-	uint32_t n = sdb_lts_bucket_count();
-	return sdb_word(sdb_lts_bucket_ptr((uint32_t)(sid % n))->owner_pid);
+	return sdb_word(sdb_lts_bucket_ptr(bucket_of(sid))->owner_pid);
 }
 
 /*
@@ -169,7 +181,15 @@ extern "C" int sdb_sentry_lock_acquire(uint64_t sid)
 	slow_wait slow;
 	for (uint32_t attempts = 0;; attempts++) {
 		uint32_t expect = 0;
-		if (owner.compare_exchange_strong(expect, me)) {
+		bool won = owner.compare_exchange_strong(expect, me);
+		if (!won && expect == me && owned.count(bucket_of(sid)) == 0) {
+			/* A word with our pid that we never took was left by
+			 * a dead process of the same pid: it is ours now. */
+			sdb_count(h->bucket_owner_dead);
+			won = true;
+		}
+		if (won) {
+			owned.insert(bucket_of(sid));
 			if (attempts != 0)
 				sdb_count64(h->bucket_locks_contended, 1);
 			sdb_count64(h->bucket_locks_taken, 1);
@@ -207,6 +227,7 @@ extern "C" int sdb_sentry_lock_release(uint64_t sid)
 	auto owner = owner_word(sid);
 	uint32_t me = (uint32_t)getpid();
 	sdb_lts_assert(owner.load() == me);
+	owned.erase(bucket_of(sid));
 	for (uint32_t attempts = 1;; attempts++) {
 		uint32_t expect = me;
 		if (owner.compare_exchange_strong(expect, 0))
@@ -233,8 +254,34 @@ extern "C" void sdb_lts_release_own_buckets(void)
 			 * thread never comes back, so clear the word itself. */
 			uint32_t expect = me;
 			owner.compare_exchange_strong(expect, 0);
+			owned.erase(b);
 		}
 	}
+}
+
+/*
+ * Just after sdb.head is mapped: a word with our pid that we did not take
+ * belongs to a dead process that had our pid.  Left there, it would make
+ * us look like its owner to every waiter, who would wait for us and in
+ * the end kill us.
+ */
+void sdb_lts_clear_stale_own(void)
+{
+	sdb_lts_header *h = sdb_lts_header_ptr();
+	uint32_t n = sdb_lts_bucket_count();
+	uint32_t me = (uint32_t)getpid();
+	sdb_lts_process_lock();
+	for (uint32_t b = 0; b < n; b++) {
+		auto owner = sdb_word(sdb_lts_bucket_ptr(b)->owner_pid);
+		uint32_t expect = me;
+		if (owned.count(b) == 0 && owner.load() == me &&
+		    owner.compare_exchange_strong(expect, 0)) {
+			sdb_trace(SDB_TRACE_INFO, "Found lock %d of an earlier "
+			    "pid %u, releasing", (int)b, me);
+			sdb_count(h->bucket_owner_dead);
+		}
+	}
+	sdb_lts_process_unlock();
 }
 
 extern "C" void sdb_lts_quiesce(void)

@@ -213,6 +213,7 @@ int sdb_lts_init(bool is_keel)
 		bucket_count = sc.bucket_count;
 		if (open_head(is_keel) != 0)
 			return SDB_ERR_NOMEM;
+		sdb_lts_clear_stale_own();
 	}
 	const sdb_scale &sc = sdb_scale_get();
 	if (sdb_sts_init(sc.sts_bytes, 5 * 4096) != 0 ||

@@ -20,6 +20,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "platform/crashpoint.h"
 #include "platform/paths.h"
 #include "sdb/sdb.h"
 #include "sdb/sdb_db.h"
@@ -234,6 +235,33 @@ TEST(UnitPool, FreshPoolsGiveAscendingNumbersAndAReopenChangesNothing)
 	EXPECT_EQ(sdb_unit_init(10, true, SDB_UNIT_IFL), 0);
 	EXPECT_EQ(p0->max_units, SDB_SEG_UNIT_POOL0_UNITS);
 	EXPECT_EQ(p0->available, SDB_SEG_UNIT_POOL0_UNITS - 2);
+}
+
+/* keel killed inside the fill of a new pool, and at its last word: the
+ * next start fills the pool again, and no unit comes out twice. */
+TEST(UnitPool, AFillCutShortByAKillIsDoneAgain)
+{
+	for (const char *point : {"unit.fill", "unit.fill_done"}) {
+		sdb_unit_pool *p = reinterpret_cast<sdb_unit_pool *>(
+		    sdb_main_segment() + SDB_SEG_UNIT_POOL1);
+		memset(p, 0, 16 + (size_t)SDB_SEG_UNIT_POOL1_UNITS * 4);
+		pid_t pid = fork();
+		ASSERT_GE(pid, 0);
+		if (pid == 0) {
+			tolvar_crash_point_arm(point, 1, TOLVAR_CRASH_KILL);
+			sdb_unit_init(SDB_SEG_UNIT_POOL1_UNITS, true,
+			    SDB_UNIT_UID);
+			_exit(0);
+		}
+		reap_killed(pid);
+		ASSERT_EQ(sdb_unit_init(SDB_SEG_UNIT_POOL1_UNITS, true,
+		    SDB_UNIT_UID), 0);
+		units got = allocate_all();
+		std::set<uint32_t> distinct(got.begin(), got.end());
+		EXPECT_EQ(distinct.size(), got.size()) << point;
+		EXPECT_EQ(got.size(), (size_t)SDB_SEG_UNIT_POOL1_UNITS) << point;
+		EXPECT_EQ(p->available, 0u) << point;
+	}
 }
 
 TEST(UnitPool, ReleasedUnitsComeBackInFifoOrder)

@@ -10,13 +10,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string>
 #include <sys/sem.h>
 #include <unistd.h>
+#include <vector>
 
+#include <platform/paths.h>
 #include <platform/trace.h>
 #include <sdb/keel.h>
 #include <sdb/sdb.h>
 #include <sdb/sdb_db.h>
+#include <sdb/sdb_id.h>
 
 namespace {
 
@@ -102,6 +109,99 @@ void print_lts_counters(void)
 	    sdb_lts_counter64(h->bucket_locks_contended));
 }
 
+/*
+ * Take and give back units of the uid pool at random for seconds.  Each
+ * unit held is claimed by a file made with O_EXCL under claims, made
+ * after the unit is taken and removed before it is given back: a process
+ * killed anywhere leaves at worst a unit that leaks, so a claim that
+ * exists already means the unit was handed out twice (exit 3).
+ */
+int unit_soak(double seconds, unsigned seed)
+{
+	std::string claims = tolvar::path("/var/tmp/unit-claims");
+	tolvar_mkdirs(claims.c_str(), 0755);
+	srand(seed ^ (unsigned)getpid());
+	std::vector<uint32_t> held;
+	struct timespec t0, t;
+	clock_gettime(CLOCK_MONOTONIC, &t0);
+	uint64_t taken = 0;
+	for (;;) {
+		clock_gettime(CLOCK_MONOTONIC, &t);
+		if ((double)(t.tv_sec - t0.tv_sec) +
+		    (double)(t.tv_nsec - t0.tv_nsec) / 1e9 >= seconds)
+			break;
+		uint32_t u;
+		if (held.size() < 40 && rand() % 3 != 0) {
+			int rc = sdb_unit_allocate(&u, SDB_UNIT_UID);
+			if (rc == SDB_UNIT_ERR_EMPTY)
+				continue;
+			if (rc != 0) {
+				say("allocate %d", rc);
+				return 1;
+			}
+			std::string f = claims + "/" + std::to_string(u);
+			int fd = open(f.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644);
+			if (fd < 0) {
+				say("twice %u", u);
+				return 3;
+			}
+			dprintf(fd, "%d\n", (int)getpid());
+			close(fd);
+			held.push_back(u);
+			taken++;
+		} else if (!held.empty()) {
+			size_t i = (size_t)rand() % held.size();
+			u = held[i];
+			held[i] = held.back();
+			held.pop_back();
+			unlink((claims + "/" + std::to_string(u)).c_str());
+			if (sdb_unit_release(u, SDB_UNIT_UID) != 0) {
+				say("release %u", u);
+				return 1;
+			}
+		}
+	}
+	say("ok taken=%" PRIu64, taken);
+	return 0;
+}
+
+/*
+ * Give back the units whose claims name a dead process, as a recovery
+ * would.  Run by one process at a time: the claim goes first, then the
+ * unit, in the takers' order.
+ */
+int unit_reclaim(void)
+{
+	std::string claims = tolvar::path("/var/tmp/unit-claims");
+	DIR *d = opendir(claims.c_str());
+	if (d == nullptr)
+		return 0;
+	int given = 0, rc = 0;
+	while (struct dirent *e = readdir(d)) {
+		if (e->d_name[0] == '.')
+			continue;
+		std::string f = claims + "/" + e->d_name;
+		FILE *in = fopen(f.c_str(), "r");
+		int pid = 0;
+		if (in == nullptr || fscanf(in, "%d", &pid) != 1)
+			pid = 0;
+		if (in != nullptr)
+			fclose(in);
+		if (pid <= 0 || kill(pid, 0) == 0 || errno != ESRCH)
+			continue;	/* a taker between open and write, or alive */
+		unlink(f.c_str());
+		uint32_t u = (uint32_t)strtoul(e->d_name, nullptr, 10);
+		if (sdb_unit_release(u, SDB_UNIT_UID) != 0) {
+			say("free %u", u);
+			rc = 3;
+		}
+		given++;
+	}
+	closedir(d);
+	say("reclaimed %d", given);
+	return rc;
+}
+
 int usage(void)
 {
 	fprintf(stderr,
@@ -109,7 +209,8 @@ int usage(void)
 	    "take-bucket sid |\n"
 	    "       hold-write | write | hold-read | read | read-on-cue |\n"
 	    "       hold-id | id-lock |\n"
-	    "       id-set n | sem-waiters n | sem-value n\n");
+	    "       id-set n | sem-waiters n | sem-value n |\n"
+	    "       unit-soak seconds seed | unit-reclaim\n");
 	return 2;
 }
 
@@ -192,6 +293,14 @@ int run(int argc, char **argv)
 		}
 		sdb_sem_unlock(SDB_SEM_ID_GEN, true);
 		return close_db() == 0 && rc == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "unit-soak") == 0 && argc > 3) {
+		int rc = unit_soak(atof(argv[2]), (unsigned)atoi(argv[3]));
+		return close_db() == 0 ? rc : 1;
+	}
+	if (strcmp(cmd, "unit-reclaim") == 0) {
+		int rc = unit_reclaim();
+		return close_db() == 0 ? rc : 1;
 	}
 	if (strcmp(cmd, "id-set") == 0) {
 		int rc = sdb_sem_lock(SDB_SEM_ID_GEN, true);

@@ -81,6 +81,8 @@ bool mmf_validate_user_offset(mmf_t *mmf, uint64_t offset, bool fatal);
 void mmf_lock(mmf_t *mmf);
 void mmf_unlock(mmf_t *mmf);
 
+/* Whether the nodes tile the area.  The walk ends at the first bad node:
+ * its length is damaged too, and what follows it cannot be found. */
 bool mmf_valid(mmf_t *mmf, bool fatal);
 bool mmf_grow(mmf_t *mmf);
 bool mmf_try_grow(mmf_t *mmf);
@@ -100,6 +102,8 @@ const mmf_shared_info_t *mmf_get_shared_info(mmf_t *mmf);
 
 /* Helpers shared by the storage family. */
 pid_t mmf_getpid(void);
+/* A zombie counts as dead: it can release nothing, and its parent may be
+ * slow to reap it. */
 bool mmf_pid_alive(pid_t pid);
 /* Whether pid has the file open as fd mapped: a live pid that does not is
  * no holder of a lock kept in that file. */

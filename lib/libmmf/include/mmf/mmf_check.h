@@ -6,6 +6,7 @@
 #ifndef MMF_MMF_CHECK_H
 #define MMF_MMF_CHECK_H
 
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -39,6 +40,12 @@ struct mmf_check_report {
 	uint64_t used_nodes;
 	uint64_t used_bytes;
 	char detail[128];
+	/*
+	 * The status names a state the next open repairs by itself (an
+	 * unfinished grow, free lists or allocated bytes that disagree with
+	 * nodes that tile): the store is not damaged.
+	 */
+	bool repairable;
 };
 
 const char *mmf_check_status_text(enum mmf_check_status status);
@@ -54,6 +61,15 @@ enum mmf_check_status mmf_check_header(const void *image, size_t image_bytes,
 /* Header, node tiling, free lists and accounting of a whole image. */
 enum mmf_check_status mmf_check_image(const void *image, size_t image_bytes,
     struct mmf_check_report *report);
+
+/* Copy len bytes at offset into buf; the number of bytes copied. */
+typedef size_t (*mmf_check_read_fn)(void *ctx, uint64_t offset, void *buf,
+    size_t len);
+
+/* The same check of a file of file_bytes bytes, read in pieces of at most
+ * a MiB through read. */
+enum mmf_check_status mmf_check_file(mmf_check_read_fn read, void *ctx,
+    uint64_t file_bytes, struct mmf_check_report *report);
 
 #ifdef __cplusplus
 }
