@@ -17,6 +17,7 @@
 #include <sdb/keel.h>
 #include <sdb/sdb.h>
 #include <sdb/sdb_db.h>
+#include <sdb/sdb_limits.h>
 
 namespace {
 
@@ -109,7 +110,8 @@ int usage(void)
 	    "take-bucket sid |\n"
 	    "       hold-write | write | hold-read | read | read-on-cue |\n"
 	    "       hold-id | id-lock |\n"
-	    "       id-set n | sem-waiters n | sem-value n\n");
+	    "       id-set n | sem-waiters n | sem-value n |\n"
+	    "       login interface | logout interface\n");
 	return 2;
 }
 
@@ -200,6 +202,19 @@ int run(int argc, char **argv)
 			rc = sdb_sem_unlock(SDB_SEM_ID_GEN, true);
 		}
 		say("id %d", rc);
+		return close_db() == 0 && rc == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "login") == 0 && argc > 2) {
+		int ok = sdb_check_subscribers_limit(argv[2], 0);
+		if (ok)
+			sdb_subscriber_limit_counter_update(argv[2], 0, 1, 0, 0, 0);
+		say("login %d", ok);
+		return close_db() == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "logout") == 0 && argc > 2) {
+		int rc = sdb_subscriber_limit_counter_update(argv[2], 0, 0, 0, 0,
+		    0);
+		say("logout %d", rc);
 		return close_db() == 0 && rc == 0 ? 0 : 1;
 	}
 	return usage();
