@@ -106,3 +106,29 @@ def test_bad_command_lines(eng, args):
     r = eng.ctl(*args)
     assert r.returncode == 2, (r.stdout, r.stderr)
     assert "usage" in r.stderr
+
+
+def test_fpc_set_refuses_logins_on_that_card_only(eng, root):
+    eng.start_keel()
+    fpc = lambda: json.loads(eng.ctl("fpc", "show", "--json").stdout)
+    t = fpc()
+    assert t["throttle"] == 0 and len(t["slots"]) == 256
+    assert t["slots"][3]["fpc_level"] == 10
+    assert "256 other line cards normal" in eng.ctl("fpc", "show").stdout
+
+    assert eng.ctl("fpc", "set", "3", "login_ok", "0").returncode == 0
+    assert eng.ctl("fpc", "set", "3", "refuse_reason", "4").returncode == 0
+    login = lambda slot: eng.run("sdbenv-client", "fpc-login", slot).stdout
+    assert "fpc 0 reason 4" in login(3)
+    assert "fpc 1 reason 0" in login(4)
+    t = fpc()
+    assert t["throttle"] == 1 and t["slots"][3]["logins_refused"] == 1
+    assert "fpc 0 reason 0" in login(256)
+    assert "LIBSDB_FPC_INVALID_LOGIN_REQUEST" in root.event_tags()
+
+    assert eng.ctl("fpc", "set", "3", "login_ok", "1").returncode == 0
+    assert fpc()["throttle"] == 0
+    assert "fpc 1 reason 0" in login(3)
+    for bad in (["fpc", "set", "256", "login_ok", "1"],
+                ["fpc", "set", "1", "bogus", "1"], ["fpc", "show", "x"]):
+        assert eng.ctl(*bad).returncode == 2

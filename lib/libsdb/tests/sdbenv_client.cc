@@ -17,6 +17,7 @@
 #include <sdb/keel.h>
 #include <sdb/sdb.h>
 #include <sdb/sdb_db.h>
+#include <sdb/sdb_fpc.h>
 #include <sdb/sdb_limits.h>
 
 namespace {
@@ -111,7 +112,7 @@ int usage(void)
 	    "       hold-write | write | hold-read | read | read-on-cue |\n"
 	    "       hold-id | id-lock |\n"
 	    "       id-set n | sem-waiters n | sem-value n |\n"
-	    "       login interface | logout interface\n");
+	    "       login interface | logout interface | fpc-login slot\n");
 	return 2;
 }
 
@@ -209,6 +210,12 @@ int run(int argc, char **argv)
 		if (ok)
 			sdb_subscriber_limit_counter_update(argv[2], 0, 1, 0, 0, 0);
 		say("login %d", ok);
+		return close_db() == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "fpc-login") == 0) {
+		uint32_t reason = 0;
+		int ok = sdb_fpc_login_check((uint32_t)arg, nullptr, 0, &reason);
+		say("fpc %d reason %u", ok, reason);
 		return close_db() == 0 ? 0 : 1;
 	}
 	if (strcmp(cmd, "logout") == 0 && argc > 2) {
