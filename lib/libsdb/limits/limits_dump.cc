@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "limits_impl.h"
+#include "platform/paths.h"
 
 using namespace sdb_limits;
 
@@ -25,6 +26,7 @@ public:
 	explicit dump_file(const char *name)
 	{
 		std::string dir = sdb_store_path("/var/log/");
+		tolvar_mkdirs(dir.c_str(), 0755);
 		std::string pattern = dir + name + "*.log";
 		glob_t g;
 		if (glob(pattern.c_str(), 0, nullptr, &g) == 0) {
