@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "limits_impl.h"
 #include "platform/crashpoint.h"
@@ -44,9 +46,12 @@ int name_key(const interface_info &info, uint32_t ctype, uint64_t *key)
 /* Each member must pass; no members admits. */
 int check_members(const char *name, uint32_t flags)
 {
-	sdb_ifd_member m[SDB_AE_TABLE_ENTRIES];
+	std::unique_ptr<sdb_ifd_member[]> m(
+	    new (std::nothrow) sdb_ifd_member[SDB_AE_TABLE_ENTRIES]);
 	uint32_t n = 0;
-	if (members(name, m, SDB_AE_TABLE_ENTRIES, &n) != 0)
+	if (m == nullptr)
+		return 0;
+	if (members(name, m.get(), SDB_AE_TABLE_ENTRIES, &n) != 0)
 		return 1;
 	for (uint32_t i = 0; i < n; i++)
 		if (check_limit(m[i].name, flags) == 0)
@@ -251,9 +256,12 @@ int counter_update(const char *name, uint32_t flags, bool up, bool member,
 			return rc;
 	}
 	if (ae || rlt) {
-		sdb_ifd_member m[SDB_AE_TABLE_ENTRIES];
+		std::unique_ptr<sdb_ifd_member[]> m(
+		    new (std::nothrow) sdb_ifd_member[SDB_AE_TABLE_ENTRIES]);
+		if (m == nullptr)
+			return SDB_ERR_NOMEM;
 		uint32_t n = 0;
-		int rc = members(name, m, SDB_AE_TABLE_ENTRIES, &n);
+		int rc = members(name, m.get(), SDB_AE_TABLE_ENTRIES, &n);
 		for (uint32_t i = 0; rc == 0 && i < n; i++)
 			rc = counter_update(m[i].name, flags, up, true,
 			    ae && m[i].same_fpc, ae && m[i].same_pic);

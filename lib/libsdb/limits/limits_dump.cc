@@ -88,6 +88,11 @@ extern "C" int sdb_populate_sorted_sub_limit_list(sdb_sub_limit_list **list)
 	if (recs.empty())
 		return SDB_ERR_NOT_STARTED;
 	std::vector<sdb_sub_limit_list *> rows;
+	try {
+		rows.reserve(recs.size());	/* push_back never allocates */
+	} catch (...) {
+		return SDB_ERR_NOMEM;
+	}
 	for (uint32_t i = 0; i < recs.size(); i++) {
 		sdb_sub_limit_record &r = recs[i];
 		uint64_t key = word(r.key).load();
