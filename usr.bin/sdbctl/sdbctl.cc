@@ -15,6 +15,8 @@ int sdbctl_id(int argc, char **argv);
 int sdbctl_unit(int argc, char **argv);
 int sdbctl_barrier(int argc, char **argv);
 int sdbctl_sts(int argc, char **argv);
+int sdbctl_limits(int argc, char **argv);
+int sdbctl_fpc(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "", sdbctl_status},
@@ -25,6 +27,9 @@ static const sdbctl_command commands[] = {
 	{"unit", "alloc type | release type number | dump type", sdbctl_unit},
 	{"barrier", "[-t seconds] [word ...]", sdbctl_barrier},
 	{"sts", "status | check | show SID [--json]", sdbctl_sts},
+	{"limits", "show [--json] | check | set LEVEL KEY LIMIT | "
+	    "count LEVEL KEY COUNT | dump", sdbctl_limits},
+	{"fpc", "show [--json] [SLOT] | set SLOT FIELD VALUE", sdbctl_fpc},
 	{nullptr, nullptr, nullptr},
 };
 

@@ -24,6 +24,8 @@
 #include <sdb/sdb.h>
 #include <sdb/sdb_db.h>
 #include <sdb/sdb_id.h>
+#include <sdb/sdb_fpc.h>
+#include <sdb/sdb_limits.h>
 
 namespace {
 
@@ -210,7 +212,8 @@ int usage(void)
 	    "       hold-write | write | hold-read | read | read-on-cue |\n"
 	    "       hold-id | id-lock |\n"
 	    "       id-set n | sem-waiters n | sem-value n |\n"
-	    "       unit-soak seconds seed | unit-reclaim\n");
+	    "       unit-soak seconds seed | unit-reclaim |\n"
+	    "       login interface | logout interface | fpc-login slot\n");
 	return 2;
 }
 
@@ -309,6 +312,25 @@ int run(int argc, char **argv)
 			rc = sdb_sem_unlock(SDB_SEM_ID_GEN, true);
 		}
 		say("id %d", rc);
+		return close_db() == 0 && rc == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "login") == 0 && argc > 2) {
+		int ok = sdb_check_subscribers_limit(argv[2], 0);
+		if (ok)
+			sdb_subscriber_limit_counter_update(argv[2], 0, 1, 0, 0, 0);
+		say("login %d", ok);
+		return close_db() == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "fpc-login") == 0) {
+		uint32_t reason = 0;
+		int ok = sdb_fpc_login_check((uint32_t)arg, nullptr, 0, &reason);
+		say("fpc %d reason %u", ok, reason);
+		return close_db() == 0 ? 0 : 1;
+	}
+	if (strcmp(cmd, "logout") == 0 && argc > 2) {
+		int rc = sdb_subscriber_limit_counter_update(argv[2], 0, 0, 0, 0,
+		    0);
+		say("logout %d", rc);
 		return close_db() == 0 && rc == 0 ? 0 : 1;
 	}
 	return usage();
