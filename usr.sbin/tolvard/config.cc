@@ -63,6 +63,7 @@ int tolvard_config_read(int check)
 		tolvard_trace(TRACE_GENERAL, "=== Configuration CHECK ===");
 
 	int found = tolvard_process_graceful_restart_cfg(errmsg, sizeof(errmsg));
+	tolvard_state.config_errors = tolvard_id_margin_config(check);
 	nmchassis_setup_capabilities();
 	if (nmchassis_cluster_is_enabled() || found)
 		tolvard_state.gres_configured = 1;

@@ -152,6 +152,8 @@ int main(int argc, char **argv)
 	tolvard_timer_init();
 	tolvard_signal_init();
 	tolvard_config_read(0);
+	tolvard_id_margin_start(tolvard_status_previous_heard_at());
+	tolvard_status_init();
 	tolvard_open();
 	/* After a successful open the database-ready callback has done
 	 * this already; it matters while the open is being retried. */

@@ -53,6 +53,9 @@ struct tolvard_state tolvard_state = {
 	.sig_term = 0,
 	.sig_usr1 = 0,
 	.sig_usr2 = 0,
+	.id_rate = TOLVARD_ID_RATE,
+	.id_margin = TOLVARD_ID_MARGIN,
+	.id_margin_unknown = TOLVARD_ID_MARGIN_UNKNOWN,
 };
 
 void tolvard_tracev(int category, const char *fmt, va_list ap)
