@@ -30,6 +30,7 @@
 #include <platform/dax.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 

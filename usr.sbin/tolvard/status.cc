@@ -44,7 +44,7 @@ const char *yes_no(int v)
 
 lines collect(void)
 {
-	const tolvard_state &s = tolvard_state;
+	const struct tolvard_state &s = tolvard_state;
 	int64_t now = static_cast<int64_t>(time(nullptr));
 	lines out;
 	const char *peer = peer_re_name();
@@ -102,7 +102,7 @@ void status_tick(otimer_t *timer, void *arg)
 {
 	(void)timer;
 	(void)arg;
-	tolvard_state &s = tolvard_state;
+	struct tolvard_state &s = tolvard_state;
 	if (s.role == role_master && tolvard_ids_open())
 		tolvard_heard();
 	else if (s.role == role_standby && s.mirror_up && s.mirror_inited &&
