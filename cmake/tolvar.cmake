@@ -41,7 +41,9 @@ function(tolvar_fuzzer name)
     return()
   endif()
   cmake_parse_arguments(F "" "" "SOURCES;DEPENDS" ${ARGN})
-  add_executable(${name} ${F_SOURCES})
+  # Every target runs inside a TOLVAR_ROOT of its own.
+  add_executable(${name} ${F_SOURCES}
+    ${PROJECT_SOURCE_DIR}/tests/fuzz/fuzz_root.cc)
   target_link_libraries(${name} PRIVATE ${F_DEPENDS})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
