@@ -184,6 +184,7 @@ void tolvard_shutdown(void)
 {
 	tolvard_close();
 	tolvard_status_final();
+	tolvard_pid_remove();
 	tolvard_trace(TRACE_GENERAL, "Shutdown complete");
 }
 

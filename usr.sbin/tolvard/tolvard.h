@@ -168,6 +168,7 @@ void tolvard_rlimit_init(void);
 uint32_t tolvard_role_query(void);
 void tolvard_state_init(void);
 int tolvard_pidlock(void);
+void tolvard_pid_remove(void);
 void tolvard_timer_init(void);
 void tolvard_timer_assert(const char *message);
 [[noreturn]] void tolvard_exit(const char *function, int line, int code);
@@ -176,6 +177,7 @@ void tolvard_timer_assert(const char *message);
 /* config.cc */
 int tolvard_config_read(int check);
 int tolvard_process_graceful_restart_cfg(char *errmsg, size_t errlen);
+int tolvard_platform_check(void);
 
 /* db.cc */
 void tolvard_open(void);
