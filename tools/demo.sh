@@ -13,10 +13,12 @@ case $build in /*) ;; *) build=$top/$build ;; esac
 bin=$build/bin
 lab=$top/tools/lab/tolvar-lab
 
+# A lab of its own for each run, so that two demos on one machine (or a
+# demo beside the tests) never share namespaces, addresses or files.
 export TOLVAR_BIN=$bin
-export TOLVAR_LAB_DIR=${TOLVAR_LAB_DIR:-/tmp/tolvar-demo}
-export TOLVAR_LAB_NAME=${TOLVAR_LAB_NAME:-tdemo}
-export TOLVAR_LAB_SUBNET=${TOLVAR_LAB_SUBNET:-10.76.0}
+export TOLVAR_LAB_NAME=${TOLVAR_LAB_NAME:-td$(($$ % 100000))}
+export TOLVAR_LAB_DIR=${TOLVAR_LAB_DIR:-/tmp/tolvar-demo-$TOLVAR_LAB_NAME}
+export TOLVAR_LAB_SUBNET=${TOLVAR_LAB_SUBNET:-10.76.$(($$ % 250))}
 
 failed=0
 say() { printf 'demo: %s\n' "$*"; }
@@ -44,7 +46,6 @@ for p in keel tolvard sdbctl; do
 	[ -x "$bin/$p" ] || { say "$p is not built in $build" >&2; exit 1; }
 done
 
-"$lab" down >/dev/null 2>&1 || true
 trap 'say "taking the lab down"; "$lab" down | indent' EXIT
 
 say "1. two routing engines: re0 master, re1 standby"
