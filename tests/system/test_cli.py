@@ -5,7 +5,7 @@ Each test runs the real programs below its own TOLVAR_ROOT.
 """
 import pytest
 
-from conftest import TOP, program, run
+from conftest import TOP, program, run, wait_for
 
 GRES = "set chassis redundancy graceful-switchover"
 LAB = str(TOP / "tools/lab/tolvar-lab")
@@ -82,3 +82,27 @@ def test_margin_settings_are_taken(root):
                       "set system processes tolvard session-id-margin-unknown 7")
     res = run([program("tolvard"), "-C"], root)
     assert res.returncode == 0, res.stderr
+
+
+def test_a_daemon_in_the_background_lets_go_of_its_streams(root):
+    import os
+    import signal
+    import subprocess
+    if os.geteuid() != 0:
+        pytest.skip("tolvard needs root")
+    root.write_platform(role="standby")
+    root.write_config(GRES)
+    # The pipes reach end of file only when no process holds them: the
+    # parent exits and the detached child must have closed them too.
+    proc = subprocess.Popen(["unshare", "--ipc", "--", program("tolvard")],
+                            env=root.env(), stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+    try:
+        out, err = proc.communicate(timeout=30)
+    finally:
+        # The child writes its pid after it has detached.
+        pid_file = root.file("/var/run/tolvard.pid")
+        assert wait_for(lambda: pid_file.exists() and
+                        pid_file.read_text().strip())
+        os.kill(int(pid_file.read_text()), signal.SIGKILL)
+    assert proc.returncode == 0 and out == b"" and err == b""

@@ -89,3 +89,25 @@ def test_switchover_after_ids_made_behind_a_cut_link(lab):
 
 def other(engine):
     return "re1" if engine == "re0" else "re0"
+
+
+def test_status_shows_both_engines(lab):
+    import json
+    ids = ids_of(lab, "re0", 3)
+    assert wait_for(lambda: lab.id("re1") == ids[-1], timeout=GENEROUS)
+    views = {e: json.loads(lab("exec", e, "sdbctl", "status", "--json").stdout)
+             for e in ("re0", "re1")}
+    m, s = views["re0"], views["re1"]
+    assert (m["role"], s["role"]) == ("Master", "Standby")
+    assert m["link"] == s["link"] == "up"
+    assert m["peer"] == "10.93.0.2" and s["peer"] == "10.93.0.1"
+    assert m["replication_ready"] == s["replication_ready"] == "yes"
+    assert (m["ids_open"], s["ids_open"]) == ("yes", "no")
+    assert m["keel"] == s["keel"] == "registered"
+    assert m["restart_in"] == "-"
+    # The last id handed out, and the one the generator gives next.
+    assert m["last_session_id"] == ids[-1]
+    assert m["next_session_id"] == ids[-1] + 1
+    assert m["records_sent"] > 0 and s["records_received"] > 0
+    text = lab("status").stdout
+    assert "ids open: yes" in text and "mirror link: up" in text

@@ -223,6 +223,7 @@ def test_stats_mode_shows_the_running_daemon(root, tolvard, daemons):
     trace = d.trace()
     assert lines_in_order(trace, "====== Running stats START ======",
                           "Max buffer full 0 times", "role: Master",
+                          "bytes_received: 0", "link_closes: 0",
                           "====== Running stats FINISH ======="), trace
     # A clean exit takes the pid file away and leaves the status, pid 0.
     d.signal(signal.SIGTERM)
