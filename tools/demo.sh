@@ -86,7 +86,7 @@ trace re1 | grep -F -e "Switching from" -e "Mastership change" | tail -2 | inden
 trace re0 | grep -F -e "Switching from" -e "Restarting in" | tail -2 | indent
 
 if [ $have_ids = 1 ]; then
-	say "5. the new master goes on from where the old one stopped"
+	say "5. the new master goes on above the old one's ids, past its margin"
 	second=$(on re1 sdbctl id generate 5)
 	echo $second | indent
 	reused=$(printf '%s\n%s\n' "$first" "$second" | sort -n | uniq -d)
