@@ -3,8 +3,9 @@
 # tolvar_library(NAME SOURCES... INCLUDE dir DEPENDS libs... DESCRIPTION text)
 # Builds a library (static, or shared with BUILD_SHARED_LIBS), installs it
 # as libtolvar-NAME with its headers under include/tolvar and a pkg-config
-# file tolvar-NAME.pc whose --libs link: a static library names the
-# libraries it needs as Requires, a shared one carries them itself.
+# file tolvar-NAME.pc whose --libs link.  The libraries it needs are
+# Requires, not Requires.private: a static library needs them on the link
+# line, and the headers of a shared one use their declarations too.
 function(tolvar_library name)
   cmake_parse_arguments(L "" "INCLUDE;DESCRIPTION" "SOURCES;DEPENDS" ${ARGN})
   add_library(${name} ${L_SOURCES})
@@ -26,11 +27,6 @@ function(tolvar_library name)
   foreach(dep ${L_DEPENDS})
     string(APPEND PC_REQUIRES " tolvar-${dep}")
   endforeach()
-  if(BUILD_SHARED_LIBS)
-    set(PC_REQUIRES_KIND "Requires.private")
-  else()
-    set(PC_REQUIRES_KIND "Requires")
-  endif()
   configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in
                  ${CMAKE_BINARY_DIR}/pkgconfig/tolvar-${name}.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/tolvar-${name}.pc
