@@ -205,8 +205,12 @@ def test_switchover_refuses_a_standby_that_is_not_ready(lab):
 
 def test_fail_kills_every_process_of_the_engine(lab):
     assert wait_for(lambda: started(lab))
-    client = subprocess.Popen([str(LAB), "exec", "re0", "sleep", "600"],
+    marker = lab.dir / "re0/root/var/run/client"
+    client = subprocess.Popen([str(LAB), "exec", "re0", "sh", "-c",
+                               f"touch {marker}; exec sleep 600"],
                               env=lab.env)
+    # The client is inside the engine once it has left its mark.
+    assert wait_for(marker.exists, timeout=60)
     lab("fail", "re0")
     assert client.wait(timeout=60) != 0
     assert "re1: role master" in lab("status").stdout
