@@ -14,11 +14,15 @@ from conftest import BUILD
 
 
 
-def configured_prefix():
+def cache(key, default=""):
     for line in (BUILD / "CMakeCache.txt").read_text().splitlines():
-        if line.startswith("CMAKE_INSTALL_PREFIX:"):
+        if line.startswith(key + ":"):
             return line.split("=", 1)[1]
-    return "/usr/local"
+    return default
+
+
+def configured_prefix():
+    return cache("CMAKE_INSTALL_PREFIX", "/usr/local")
 
 
 @pytest.fixture(scope="module")
@@ -64,8 +68,11 @@ def test_pkg_config_builds_and_links_a_client(tree, tmp_path):
     src.write_text('#include <sdb/sdb_id.h>\n'
                    'int main() { return sdb_id_get() == 0 ? 0 : 1; }\n')
     exe = tmp_path / "client"
-    res = subprocess.run(["g++", "-std=c++20", str(src), "-o", str(exe),
-                          *flags.stdout.split()],
+    # Libraries built for the sanitizers need them in the client too.
+    sanitize = (["-fsanitize=address,undefined"]
+                if cache("TOLVAR_SANITIZE") == "ON" else [])
+    res = subprocess.run(["g++", "-std=c++20", *sanitize, str(src), "-o",
+                          str(exe), *flags.stdout.split()],
                          capture_output=True, text=True, timeout=300)
     assert res.returncode == 0, res.stderr
     run_env = dict(os.environ, LD_LIBRARY_PATH=flags.stdout.split("-L")[1]
