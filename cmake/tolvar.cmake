@@ -1,31 +1,41 @@
 # Helpers shared by every directory of the tree.
 
-# tolvar_library(NAME SOURCES... INCLUDE dir DEPENDS libs... PC_DESC text)
-# Builds a static library, installs it with its headers and a pkg-config file.
+# tolvar_library(NAME SOURCES... INCLUDE dir DEPENDS libs... DESCRIPTION text)
+# Builds a library (static, or shared with BUILD_SHARED_LIBS), installs it
+# as libtolvar-NAME with its headers under include/tolvar and a pkg-config
+# file tolvar-NAME.pc whose --libs link.  The libraries it needs are
+# Requires, not Requires.private: a static library needs them on the link
+# line, and the headers of a shared one use their declarations too.
 function(tolvar_library name)
   cmake_parse_arguments(L "" "INCLUDE;DESCRIPTION" "SOURCES;DEPENDS" ${ARGN})
-  add_library(${name} STATIC ${L_SOURCES})
+  add_library(${name} ${L_SOURCES})
+  set_target_properties(${name} PROPERTIES OUTPUT_NAME tolvar-${name})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/${L_INCLUDE}>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/tolvar>)
   if(L_DEPENDS)
     target_link_libraries(${name} PUBLIC ${L_DEPENDS})
   endif()
-  install(TARGETS ${name} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(TARGETS ${name} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+                          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/${L_INCLUDE}/
-          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvar
+          FILES_MATCHING PATTERN "*.h")
   set(PC_NAME ${name})
   set(PC_DESCRIPTION "${L_DESCRIPTION}")
-  string(REPLACE ";" " " PC_REQUIRES "${L_DEPENDS}")
+  set(PC_REQUIRES "")
+  foreach(dep ${L_DEPENDS})
+    string(APPEND PC_REQUIRES " tolvar-${dep}")
+  endforeach()
   configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in
-                 ${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc @ONLY)
-  install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/${name}.pc
+                 ${CMAKE_BINARY_DIR}/pkgconfig/tolvar-${name}.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/pkgconfig/tolvar-${name}.pc
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
 
 # tolvar_gtest(NAME SOURCES... DEPENDS libs...)
 function(tolvar_gtest name)
-  if(TOLVAR_FUZZ)
+  if(TOLVAR_FUZZ OR NOT TOLVAR_TESTS)
     return()
   endif()
   cmake_parse_arguments(T "" "" "SOURCES;DEPENDS" ${ARGN})
@@ -41,7 +51,9 @@ function(tolvar_fuzzer name)
     return()
   endif()
   cmake_parse_arguments(F "" "" "SOURCES;DEPENDS" ${ARGN})
-  add_executable(${name} ${F_SOURCES})
+  # Every target runs inside a TOLVAR_ROOT of its own.
+  add_executable(${name} ${F_SOURCES}
+    ${PROJECT_SOURCE_DIR}/tests/fuzz/fuzz_root.cc)
   target_link_libraries(${name} PRIVATE ${F_DEPENDS})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)

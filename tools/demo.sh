@@ -13,10 +13,12 @@ case $build in /*) ;; *) build=$top/$build ;; esac
 bin=$build/bin
 lab=$top/tools/lab/tolvar-lab
 
+# A lab of its own for each run, so that two demos on one machine (or a
+# demo beside the tests) never share namespaces, addresses or files.
 export TOLVAR_BIN=$bin
-export TOLVAR_LAB_DIR=${TOLVAR_LAB_DIR:-/tmp/tolvar-demo}
-export TOLVAR_LAB_NAME=${TOLVAR_LAB_NAME:-tdemo}
-export TOLVAR_LAB_SUBNET=${TOLVAR_LAB_SUBNET:-10.76.0}
+export TOLVAR_LAB_NAME=${TOLVAR_LAB_NAME:-td$(($$ % 100000))}
+export TOLVAR_LAB_DIR=${TOLVAR_LAB_DIR:-/tmp/tolvar-demo-$TOLVAR_LAB_NAME}
+export TOLVAR_LAB_SUBNET=${TOLVAR_LAB_SUBNET:-10.76.$(($$ % 250))}
 
 failed=0
 say() { printf 'demo: %s\n' "$*"; }
@@ -44,7 +46,6 @@ for p in keel tolvard sdbctl; do
 	[ -x "$bin/$p" ] || { say "$p is not built in $build" >&2; exit 1; }
 done
 
-"$lab" down >/dev/null 2>&1 || true
 trap 'say "taking the lab down"; "$lab" down | indent' EXIT
 
 say "1. two routing engines: re0 master, re1 standby"
@@ -85,7 +86,7 @@ trace re1 | grep -F -e "Switching from" -e "Mastership change" | tail -2 | inden
 trace re0 | grep -F -e "Switching from" -e "Restarting in" | tail -2 | indent
 
 if [ $have_ids = 1 ]; then
-	say "5. the new master goes on from where the old one stopped"
+	say "5. the new master goes on above the old one's ids, past its margin"
 	second=$(on re1 sdbctl id generate 5)
 	echo $second | indent
 	reused=$(printf '%s\n%s\n' "$first" "$second" | sort -n | uniq -d)

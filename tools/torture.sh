@@ -31,5 +31,9 @@ printf '\n=== crash points, %s rounds ===\n' "$rounds"
 unshare --ipc -- "$build"/tests/sdb_id_test --gtest_repeat="$rounds" \
     --gtest_brief=1 --gtest_filter='UnitPool.*' || status=1
 
+printf '\n=== masters killed while handing out ids, 20 runs ===\n'
+TOLVAR_BUILD="$build" TOLVAR_ID_MARGIN_RUNS=20 /usr/bin/python3 -m pytest -q \
+    -p no:cacheprovider tests/system/test_id_margin.py || status=1
+
 [ $status -eq 0 ] && echo "torture: passed" || echo "torture: FAILED"
 exit $status

@@ -104,6 +104,32 @@ extern "C" int ddl_access_object_find_by_name(ddl_handle_t *parent,
 	return 0;
 }
 
+extern "C" int ddl_access_value(const char *const *path, char *buf, size_t size,
+                                char *errmsg, size_t errlen)
+{
+	auto fail = [&](const std::string &text) {
+		if (errmsg != nullptr && errlen > 0)
+			snprintf(errmsg, errlen, "%s", text.c_str());
+		return -1;
+	};
+	if (!db.open)
+		return fail("configuration database is not open");
+	if (!db.parse_error.empty())
+		return fail(db.parse_error);
+	std::vector<std::string> want;
+	for (const char *const *p = path; *p != nullptr; p++)
+		want.emplace_back(*p);
+	int found = 0;
+	for (const auto &st : db.statements) {
+		if (st.size() != want.size() + 1 ||
+		    !std::equal(want.begin(), want.end(), st.begin()))
+			continue;
+		snprintf(buf, size, "%s", st.back().c_str());
+		found = 1;
+	}
+	return found;
+}
+
 extern "C" void ddl_access_release(ddl_handle_t *obj)
 {
 	delete obj;

@@ -140,13 +140,13 @@ def test_restarted_keel_keeps_the_id_word(sc, root):
     keel = sc.start_keel()
     assert "shared memory exist" in root.trace("keel")
     assert "semaphore exist" in root.trace("keel")
-    assert "next session id: 4242" in sc.run("sdbctl", "status").stdout
+    assert "last session id: 4242" in sc.run("sdbctl", "status").stdout
 
     # A keel that dies without a word is no different.
     keel.kill()
     keel.wait(timeout=GENEROUS)
     sc.start_keel()
-    assert "next session id: 4242" in sc.run("sdbctl", "status").stdout
+    assert "last session id: 4242" in sc.run("sdbctl", "status").stdout
 
 
 def test_killed_bucket_holder_is_taken_over_and_counted(sc, root):

@@ -136,7 +136,7 @@ def process_gone(pid):
 def test_unknown_option_prints_usage_and_exits_zero(root, tolvard, args, letter):
     res = run([tolvard, *args], root)
     assert res.returncode == 0
-    assert res.stderr == USAGE
+    assert res.stderr == f'tolvard: Unknown option "{letter}"\n' + USAGE
     assert res.stdout == ""
     assert root.events() == [
         ("0xff03", "TOLVARD_ARGUMENT_FAILURE", "option",
@@ -160,17 +160,20 @@ def test_version_touches_nothing(root, tolvard, args, first_line):
 
 # Check mode, without root
 
-@pytest.mark.parametrize("config,gres_line", [
-    ([GRES], "Graceful Switchover configured"),
-    (["set chassis redundancy"], "Graceful Switchover not configured"),
+@pytest.mark.parametrize("config,gres_line,rc", [
+    ([GRES], "Graceful Switchover configured", 0),
+    (["set chassis redundancy"], "Graceful Switchover not configured", 0),
     (["set chassis redundancy {"],
-     "Error determining Graceful Switchover configuration, msg: line 1"),
+     "Error determining Graceful Switchover configuration, msg: line 1", 1),
 ])
 def test_check_mode_reads_configuration_as_nobody(open_root, tolvard, config,
-                                                  gres_line):
+                                                  gres_line, rc):
     open_root.write_config(*config)
     res = run(NOBODY + [tolvard, "-C"], open_root)
-    assert res.returncode == 0, res.stderr
+    assert res.returncode == rc, res.stderr
+    verdict = (res.stdout if rc == 0 else res.stderr).strip().splitlines()[-1]
+    assert verdict.startswith("tolvard: configuration OK" if rc == 0 else
+                              "tolvard: configuration check failed")
     trace = open_root.trace("tolvard")
     assert lines_in_order(trace, "Trace init", "=== Configuration CHECK ===",
                           gres_line, READY,
@@ -202,17 +205,31 @@ def test_not_root_is_refused(open_root, tolvard, args):
     assert not open_root.file("/var/run/tolvard.pid").exists()
 
 
-def test_stats_mode_prints_and_ends(root, tolvard):
+def test_stats_mode_shows_the_running_daemon(root, tolvard, daemons):
     root.write_platform(role="master")
     root.write_config()
+    # None running: it says so, and starts nothing.
     res = run([tolvard, "-s"], root)
-    assert res.returncode == 0
-    trace = root.trace("tolvard")
-    assert lines_in_order(trace, READY, "====== Running stats START ======",
-                          "Max buffer full 0 times",
-                          "====== Running stats FINISH ======="), trace
-    assert CLOSED.search(trace.split("Running stats FINISH")[1]), trace
+    assert res.returncode == 1 and "no tolvard is running" in res.stderr
     assert not root.file("/var/run/tolvard.pid").exists()
+
+    d = daemons(root).ready()
+    assert wait_for(lambda: root.file("/var/run/tolvard.status").exists())
+    res = run([tolvard, "-s"], root)
+    assert res.returncode == 0, res.stderr
+    assert f"pid={d.proc.pid}\n" in res.stdout and "role=Master" in res.stdout
+    # The running daemon wrote its full statistics to its trace.
+    d.wait_trace("====== Running stats FINISH =======")
+    trace = d.trace()
+    assert lines_in_order(trace, "====== Running stats START ======",
+                          "Max buffer full 0 times", "role: Master",
+                          "bytes_received: 0", "link_closes: 0",
+                          "====== Running stats FINISH ======="), trace
+    # A clean exit takes the pid file away and leaves the status, pid 0.
+    d.signal(signal.SIGTERM)
+    assert d.wait() == 0
+    assert not root.file("/var/run/tolvard.pid").exists()
+    assert "pid=0\n" in root.file("/var/run/tolvard.status").read_text()
 
 
 # Pid lock

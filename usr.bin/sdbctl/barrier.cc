@@ -6,7 +6,14 @@
  * send the same bytes back.  tolvard answers once the standby has
  * acknowledged everything sent before, or at once when there is no
  * standby to wait for.  The echo must match byte for byte.
+ *
+ * The echo cannot say which way the barrier ended; tolvard's status file
+ * can.  It is read before the request and after the answer: no link
+ * before means the answer came at once; a link lost, or a barrier counted
+ * as lost, in between means the standby never acknowledged.  tolvard
+ * writes the file before it answers, so the second read sees the change.
  */
+#include "engine.h"
 #include "sdbctl.h"
 #include "tolvard_local.h"
 
@@ -129,6 +136,34 @@ std::vector<uint8_t> make_messages(const std::vector<uint32_t> &words)
 	return out;
 }
 
+long counter(const tolvard_view &v, const char *key)
+{
+	return strtol(v.get(key).c_str(), nullptr, 10);
+}
+
+/* Which of the three ways the answer came; see the top of the file. */
+int outcome(const tolvard_view &before, const tolvard_view &after,
+    size_t bytes, size_t words)
+{
+	if (!before.running || before.get("link") != "up" ||
+	    before.get("database") != "open" ||
+	    before.get("graceful_switchover") != "enabled") {
+		fprintf(stderr, "sdbctl barrier: no standby connected: answered "
+		    "at once\n");
+		return SDBCTL_EXIT_NO_STANDBY;
+	}
+	if (!after.running || after.get("pid") != before.get("pid") ||
+	    counter(after, "conn_lost") != counter(before, "conn_lost") ||
+	    counter(after, "barriers_lost") != counter(before, "barriers_lost")) {
+		fprintf(stderr, "sdbctl barrier: link lost before the standby "
+		    "acknowledged\n");
+		return SDBCTL_EXIT_LINK_LOST;
+	}
+	printf("barrier: acknowledged by the standby, %zu bytes echoed, "
+	    "%zu word(s)\n", bytes, words);
+	return 0;
+}
+
 int usage(void)
 {
 	fprintf(stderr, "usage: sdbctl barrier [-t seconds] [word ...]\n");
@@ -171,6 +206,7 @@ int sdbctl_barrier(int argc, char **argv)
 		return SDBCTL_EXIT_USAGE;
 	}
 
+	tolvard_view before = sdbctl_tolvard_view();
 	int fd = connect_server();
 	if (fd < 0)
 		return SDBCTL_EXIT_FAIL;
@@ -188,18 +224,18 @@ int sdbctl_barrier(int argc, char **argv)
 	size_t got = read_echo(fd, echo.data(), want, timeout_ms);
 	close(fd);
 	if (got < want) {
-		printf("barrier: broken echo, %zu of %zu bytes before %s\n", got,
-		    want, timeout_ms >= 0 ? "the connection closed or the time ran out"
+		fprintf(stderr, "sdbctl barrier: broken echo, %zu of %zu bytes "
+		    "before %s\n", got, want, timeout_ms >= 0
+		    ? "the connection closed or the time ran out"
 		    : "the connection closed");
 		return SDBCTL_EXIT_FAIL;
 	}
 	for (size_t i = 0; i < want; i++) {
 		if (echo[i] != ack[i]) {
-			printf("barrier: echo differs at byte %zu\n", i);
+			fprintf(stderr, "sdbctl barrier: echo differs at byte "
+			    "%zu\n", i);
 			return SDBCTL_EXIT_FAIL;
 		}
 	}
-	printf("barrier: passed, %zu bytes echoed, %zu word(s)\n", want,
-	    words.size());
-	return 0;
+	return outcome(before, sdbctl_tolvard_view(), want, words.size());
 }

@@ -12,6 +12,7 @@
 #include <sdb/sdb_id.h>
 
 #include "attach.h"
+#include "engine.h"
 #include "sdbctl.h"
 
 namespace {
@@ -19,7 +20,7 @@ namespace {
 int usage(void)
 {
 	fprintf(stderr, "usage: sdbctl id show\n"
-	    "       sdbctl id generate [count]\n");
+	    "       sdbctl id generate [--force] [count]\n");
 	return SDBCTL_EXIT_USAGE;
 }
 
@@ -55,13 +56,17 @@ int generate(unsigned long count)
 int sdbctl_id(int argc, char **argv)
 {
 	unsigned long count = 1;
+	bool force = sdbctl_take_flag(&argc, argv, "--force");
 	if (argc < 2)
 		return usage();
 	bool show = strcmp(argv[1], "show") == 0;
 	if (show) {
-		if (argc != 2)
+		if (argc != 2 || force)
 			return usage();
 	} else if (strcmp(argv[1], "generate") == 0) {
+		int rc = sdbctl_may_hand_out("id generate", force);
+		if (rc != 0)
+			return rc;
 		if (argc > 3)
 			return usage();
 		if (argc == 3 && (count = parse_count(argv[2])) == 0)

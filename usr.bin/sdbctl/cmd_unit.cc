@@ -11,14 +11,15 @@
 #include <sdb/sdb_id.h>
 
 #include "attach.h"
+#include "engine.h"
 #include "sdbctl.h"
 
 namespace {
 
 int usage(void)
 {
-	fprintf(stderr, "usage: sdbctl unit alloc type\n"
-	    "       sdbctl unit release type number\n"
+	fprintf(stderr, "usage: sdbctl unit alloc [--force] type\n"
+	    "       sdbctl unit release [--force] type number\n"
 	    "       sdbctl unit dump type\n"
 	    "type: 0 or ifl, 1 or uid\n");
 	return SDBCTL_EXIT_USAGE;
@@ -76,11 +77,14 @@ int run(const char *op, int type, const char *number)
 
 int sdbctl_unit(int argc, char **argv)
 {
+	bool force = sdbctl_take_flag(&argc, argv, "--force");
 	if (argc < 3)
 		return usage();
 	const char *op = argv[1];
 	bool release = strcmp(op, "release") == 0;
 	if (!release && strcmp(op, "alloc") != 0 && strcmp(op, "dump") != 0)
+		return usage();
+	if (force && strcmp(op, "dump") == 0)
 		return usage();
 	if (argc != (release ? 4 : 3))
 		return usage();
@@ -91,6 +95,12 @@ int sdbctl_unit(int argc, char **argv)
 		fprintf(stderr, "sdbctl unit release: not a unit number: %s\n",
 		    argv[3]);
 		return SDBCTL_EXIT_USAGE;
+	}
+	if (strcmp(op, "dump") != 0) {
+		int rc = sdbctl_may_hand_out(release ? "unit release"
+		    : "unit alloc", force);
+		if (rc != 0)
+			return rc;
 	}
 	keel_handle *h = sdbctl_attach("unit");
 	if (h == nullptr)

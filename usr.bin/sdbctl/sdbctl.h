@@ -14,5 +14,8 @@ struct sdbctl_command {
 /* Exit codes: 0 success, 1 failure of the operation, 2 bad usage. */
 #define SDBCTL_EXIT_FAIL 1
 #define SDBCTL_EXIT_USAGE 2
+/* The barrier's other outcomes: answered without a standby, link lost. */
+#define SDBCTL_EXIT_NO_STANDBY 3
+#define SDBCTL_EXIT_LINK_LOST 4
 
 #endif

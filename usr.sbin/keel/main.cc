@@ -5,6 +5,7 @@
  */
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,9 +13,12 @@
 
 #include <platform/ev.h>
 #include <platform/logging.h>
+#include <platform/notify.h>
+#include <platform/paths.h>
 #include <platform/process.h>
 #include <platform/trace.h>
 #include <sdb/keel.h>
+#include <sdb/keel_msg.h>
 #include <sdb/sdb.h>
 #include <sdb/sdb_db.h>
 
@@ -41,12 +45,32 @@ void trace(const char *fmt, ...)
 	va_end(ap);
 }
 
-[[noreturn]] void usage(void)
+void print_usage(FILE *to)
 {
 	fputs("usage: keel [-N] [-v]\n"
 	      "\t-N\tdo not fork\n"
-	      "\t-v\tversion only\n", stderr);
-	exit(1);
+	      "\t-v\tversion only\n", to);
+}
+
+[[noreturn]] void usage(void)
+{
+	print_usage(stderr);
+	exit(2);
+}
+
+/* A failure the operator must see: stderr (in the foreground) and trace. */
+void fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void fail(const char *fmt, ...)
+{
+	va_list ap;
+	va_start(ap, fmt);
+	fputs("keel: ", stderr);
+	vfprintf(stderr, fmt, ap);
+	fputc('\n', stderr);
+	va_end(ap);
+	va_start(ap, fmt);
+	daemon_tracev(trace_file, trace_database, 0, fmt, ap);
+	va_end(ap);
 }
 
 void on_terminate(int)
@@ -108,7 +132,13 @@ int main(int argc, char **argv)
 	bool foreground = false;
 	int version = 0;
 	int ch;
-	while ((ch = getopt(argc, argv, "Nv")) != -1) {
+	if (argc == 2 && strcmp(argv[1], "--help") == 0) {
+		print_usage(stdout);
+		return 0;
+	}
+	if (argc == 2 && strcmp(argv[1], "--version") == 0)
+		version = 1;
+	else while ((ch = getopt(argc, argv, "Nv")) != -1) {
 		switch (ch) {
 		case 'N':
 			foreground = true;
@@ -120,6 +150,11 @@ int main(int argc, char **argv)
 			usage();
 		}
 	}
+	/* "keel help" must not start a keel. */
+	if (version == 0 && optind < argc) {
+		fprintf(stderr, "keel: unexpected operand \"%s\"\n", argv[optind]);
+		usage();
+	}
 	if (version > 0) {
 		show_daemon_version(STDOUT_FILENO, version, 0);
 		return 0;
@@ -130,22 +165,22 @@ int main(int argc, char **argv)
 
 	int pid_fd = pid_lock(KEEL_PID_FILE);
 	if (pid_fd < 0) {
-		fprintf(stderr, "keel: another keel is running\n");
-		trace("another keel is running, exiting");
+		fail("another keel is running, exiting");
 		return 1;
 	}
-	if (!foreground && daemon(0, 1) != 0) {
-		trace("daemon: %s", strerror(errno));
+	/* In the background the standard streams go to /dev/null. */
+	if (!foreground && daemon(0, 0) != 0) {
+		fail("daemon: %s", strerror(errno));
 		return 1;
 	}
 	if (pid_update(pid_fd) != 0) {
-		trace("cannot write the pid file");
+		fail("cannot write the pid file");
 		return 1;
 	}
 	install_signals();
 	evContext ctx;
 	if (__evCreate(&ctx) != 0) {
-		trace("Unable to create event context: %s", strerror(errno));
+		fail("Unable to create event context: %s", strerror(errno));
 		return 1;
 	}
 	__evSetSyncHandler(ctx, sync_handler, nullptr);
@@ -154,17 +189,20 @@ int main(int argc, char **argv)
 	    __evAddTime(__evNowTime(), __evConsTime(1, 0)),
 	    __evConsTime(1, 0), &tick_id);
 	if (keel_registration_start(ctx) != 0) {
-		trace("cannot start the registration server: %s",
+		fail("cannot start the registration server: %s",
 		    strerror(errno));
 		return 1;
 	}
 	keel_handle *h = open_database();
 	if (h == nullptr) {
+		fail("cannot open the session database; see %s",
+		    KEEL_TRACE_FILE);
 		keel_registration_stop();
 		return 1;
 	}
 	keel_registration_ready(1);
 	trace("keel started, pid %d", (int)getpid());
+	platform_notify("READY=1");
 
 	if (!terminate_requested)
 		__evMainLoopSync(ctx);
@@ -176,6 +214,9 @@ int main(int argc, char **argv)
 	if (rc != 0)
 		trace("close of the database: %s", sdb_strerror(rc));
 	__evDestroy(ctx);
+	/* A clean exit leaves no socket that nobody answers, and no pid. */
+	unlink(tolvar::path(KEEL_SOCKET_PATH).c_str());
+	unlink(tolvar::path(KEEL_PID_FILE).c_str());
 	daemon_trace_close(trace_file);
 	return 0;
 }

@@ -9,7 +9,12 @@
 #include <platform/chassis.h>
 #include <platform/dax.h>
 
+#include <platform/paths.h>
+
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 
 #define TOLVARD_SCHEMA		"okernel"
 #define TOLVARD_SCHEMA_NUMBER	462432747u
@@ -32,11 +37,12 @@ int tolvard_process_graceful_restart_cfg(char *errmsg, size_t errlen)
 		ddl_access_release(obj);
 		return 1;
 	}
-	if (errmsg[0] != '\0')
+	if (errmsg[0] != '\0') {
 		tolvard_trace(TRACE_GENERAL,
 		    "Error determining Graceful Switchover configuration, msg: %s",
 		    errmsg);
-	else
+		tolvard_state.config_errors++;
+	} else
 		tolvard_trace(TRACE_GENERAL, "Graceful Switchover not configured");
 	return 0;
 }
@@ -62,7 +68,10 @@ int tolvard_config_read(int check)
 	if (check)
 		tolvard_trace(TRACE_GENERAL, "=== Configuration CHECK ===");
 
+	tolvard_state.config_errors = tolvard_id_margin_config(check);
 	int found = tolvard_process_graceful_restart_cfg(errmsg, sizeof(errmsg));
+	if (check && errmsg[0] != '\0')
+		fprintf(stderr, "tolvard: %s\n", errmsg);
 	nmchassis_setup_capabilities();
 	if (nmchassis_cluster_is_enabled() || found)
 		tolvard_state.gres_configured = 1;
@@ -84,4 +93,90 @@ int tolvard_config_read(int check)
 	if (check)
 		tolvard_trace(TRACE_GENERAL, "=== Configuration CHECK DONE ===");
 	return 1;
+}
+
+namespace {
+
+/* The keys of the platform file, and what each may hold. */
+struct platform_key {
+	const char *name;
+	const char *const *values;	/* nullptr: any */
+};
+
+constexpr const char *roles[] = {"master", "standby", "none", nullptr};
+constexpr const char *scales[] = {"100", "8000", "48000", "512000", nullptr};
+constexpr const char *flags[] = {"0", "1", nullptr};
+
+constexpr platform_key platform_keys[] = {
+	{"role", roles},
+	{"scale_class", scales},
+	{"peer_address", nullptr},
+	{"local_address", nullptr},
+	{"cluster", flags},
+	{"virtual_chassis", flags},
+	{"master_reboot_pending", flags},
+	{"l3_ha", flags},
+	{"enhanced_bbe", flags},
+	{"large_id_space", flags},
+	{"session_db", flags},
+	{"maxsockbuf", nullptr},
+	{"installed_mem_512b", nullptr},
+};
+
+std::string trim(const std::string &s)
+{
+	size_t b = s.find_first_not_of(" \t\r");
+	if (b == std::string::npos)
+		return "";
+	return s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
+}
+
+const char *platform_line_error(const std::string &key, const std::string &value)
+{
+	for (const platform_key &k : platform_keys) {
+		if (key != k.name)
+			continue;
+		if (k.values == nullptr)
+			return nullptr;
+		for (const char *const *v = k.values; *v != nullptr; v++)
+			if (value == *v)
+				return nullptr;
+		return "value out of range";
+	}
+	return "unknown key";
+}
+
+} // namespace
+
+/*
+ * -C: the platform file, line by line.  Each error goes to stderr; the
+ * result is their number.  A missing file is none: the daemon then runs
+ * without a role, as it does on an engine that has none.
+ */
+int tolvard_platform_check(void)
+{
+	std::string path = tolvar::path(PLATFORM_FILE_PATH);
+	std::ifstream in(path);
+	std::string line;
+	int errors = 0;
+
+	if (!in)
+		return 0;
+	for (int n = 1; std::getline(in, line); n++) {
+		std::string text = line.substr(0, line.find('#'));
+		if (trim(text).empty())
+			continue;
+		size_t eq = text.find('=');
+		std::string key = trim(text.substr(0, eq));
+		std::string value = eq == std::string::npos ? ""
+		    : trim(text.substr(eq + 1));
+		const char *why = eq == std::string::npos ? "not key = value"
+		    : platform_line_error(key, value);
+		if (why != nullptr) {
+			fprintf(stderr, "tolvard: %s:%d: %s: %s\n", path.c_str(), n,
+			    why, trim(line).c_str());
+			errors++;
+		}
+	}
+	return errors;
 }

@@ -186,6 +186,8 @@ void tolvard_close(void)
 void tolvard_shutdown(void)
 {
 	tolvard_close();
+	tolvard_status_final();
+	tolvard_pid_remove();
 	tolvard_trace(TRACE_GENERAL, "Shutdown complete");
 }
 
@@ -196,12 +198,15 @@ void tolvard_db_state_change(void *context, void *env)
 	if (env == nullptr) {
 		tolvard_trace(TRACE_DB, "Lost Database Environment");
 		tolvard_rep_ready_set(0);
+		tolvard_status_write();
 		return;
 	}
 	tolvard_trace(TRACE_DB, "Database Environment changed");
 	tolvard_gres_sync();
 	tolvard_rep_ready_set(1);
 	tolvard_state.db_up = 1;
+	/* Before anything reads or sends the id: a new master's margin. */
+	tolvard_id_margin_apply();
 	if (!tolvard_state.rep_started) {
 		tolvard_trace(TRACE_DB, "Starting Replication");
 		tolvard_state.rep_started = 1;
@@ -215,4 +220,5 @@ void tolvard_db_state_change(void *context, void *env)
 			tolvard_trace(TRACE_DB, "Started replication");
 		}
 	}
+	tolvard_status_write();
 }

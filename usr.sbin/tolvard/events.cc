@@ -100,4 +100,8 @@ void tolvard_event(int id, ...)
 	vsnprintf(text, sizeof(text), ev->text, ap);
 	va_end(ap);
 	logging_event(ev->priority, ev->tag, ev->attrs, "%s: %s", ev->tag, text);
+	/* In the foreground an operator sees the errors; in the background
+	 * stderr is /dev/null. */
+	if (ev->priority == PRI_ERR)
+		fprintf(stderr, "tolvard: %s\n", text);
 }

@@ -176,6 +176,7 @@ tolvard_entry *tolvard_rep_send(const void *payload, uint32_t size,
 		tolvard_trace(TRACE_MIRROR, "Mirror add/update failed, ret %d", rc);
 		return nullptr;
 	}
+	tolvard_state.records_sent++;
 	return e;
 }
 
@@ -280,6 +281,19 @@ void tolvard_data_ack(mirror_data_node *node, int reason)
 	tolvard_entry *e = tolvard_entry_of(node);
 	tolvard_trace(TRACE_MIRROR, "Mirroring ACK for %u, reason %d",
 	    e->entry_id, reason);
+	/*
+	 * The answer to a barrier is the client's own bytes and cannot say
+	 * which way it ended; the counters in the status file can.  They
+	 * are written before the answer goes, so a client that reads them
+	 * after its answer finds its own outcome counted.
+	 */
+	if (e->conn != nullptr) {
+		if (reason == 0)
+			tolvard_state.barriers_acked++;
+		else
+			tolvard_state.barriers_lost++;
+		tolvard_status_write();
+	}
 	tolvard_ack_release(e);
 }
 

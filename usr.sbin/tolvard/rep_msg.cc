@@ -114,6 +114,8 @@ void tolvard_session_id_recv(const uint8_t *payload, uint32_t length)
 	if (sdb_id_raise(id) != 0)
 		tolvard_trace(TRACE_DB, "Failed to update new session id %llu",
 		    (unsigned long long)id);
+	else
+		tolvard_heard();
 }
 
 void tolvard_info_recv(const uint8_t *payload, uint32_t length)

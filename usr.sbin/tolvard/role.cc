@@ -236,6 +236,12 @@ void tolvard_switch_to_master(void)
 		tolvard_event(TOLVARD_GRES_BACK_TO_MASTER);
 		tolvard_restart(tolvard_state.restart_timer, nullptr);
 	}
+	/*
+	 * The ids the old master handed out since we last heard from it are
+	 * unknown: the database-ready callback of the reopen raises the id
+	 * word by the margin before replication or a client sees it.
+	 */
+	tolvard_state.id_margin_due = 1;
 	if (tolvard_state.mirror_inited)
 		mirror_re_switchover_event();
 	tolvard_reopen();
@@ -270,6 +276,9 @@ void tolvard_restart_later(void)
 	    TOLVARD_RESTART_DELAY);
 	struct timespec delay = tolvar_scaled_secs(TOLVARD_RESTART_DELAY);
 	otimer_oneshot(tolvard_state.restart_timer, delay.tv_sec, delay.tv_nsec, 0);
+	tolvard_state.restart_at = static_cast<int64_t>(time(nullptr)) +
+	    delay.tv_sec + (delay.tv_nsec > 0);
+	tolvard_status_write();
 }
 
 void tolvard_restart(otimer_t *timer, void *arg)
@@ -310,10 +319,13 @@ void tolvard_mirror_event(int state)
 
 void tolvard_mirror_state_change(int up)
 {
+	if (tolvard_state.mirror_up != (up ? 1 : 0))
+		tolvard_state.link_since = static_cast<int64_t>(time(nullptr));
 	tolvard_state.mirror_up = up ? 1 : 0;
 	if (!up) {
 		tolvard_poll_stop();
 		tolvard_rep_stop();
+		tolvard_status_write();
 		return;
 	}
 	if (!tolvard_state.gres_enabled)
@@ -335,6 +347,7 @@ void tolvard_mirror_state_change(int up)
 	 */
 	if (tolvard_state.role == role_master && tolvard_state.debug)
 		tolvard_trace(TRACE_DB, "***** Triggered a transaction ******");
+	tolvard_status_write();
 }
 
 int tolvard_rep_start(void)
@@ -416,6 +429,7 @@ void tolvard_rep_ready_set(int ready)
 		return;
 	tolvard_state.rep_ready = value;
 	tolvard_trace(TRACE_DB, "Replication %s ready", value ? "IS" : "IS NOT");
+	tolvard_status_write();
 	if (value && tolvard_state.keel_handle != nullptr) {
 		/* A waiting ISSU step goes on the moment we are ready. */
 		uint32_t step = keel_chassis_issu_state(tolvard_state.keel_handle);

@@ -112,6 +112,7 @@ void tolvard_stats_dump(void)
 	tolvard_trace(TRACE_GENERAL, "====== Running stats START ======");
 	tolvard_trace(TRACE_GENERAL, "Max buffer full %d times",
 	    static_cast<int>(tolvard_state.max_hits));
+	tolvard_status_dump();
 	tolvard_conn_dump();
 	tolvard_trace(TRACE_GENERAL, "====== Running stats FINISH =======");
 }

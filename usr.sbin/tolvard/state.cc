@@ -6,6 +6,7 @@
 #include "events.h"
 
 #include <platform/chassis.h>
+#include <platform/paths.h>
 #include <platform/process.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/resource.h>
+#include <unistd.h>
 
 struct tolvard_state tolvard_state = {
 	.event_context = {nullptr},
@@ -53,6 +55,9 @@ struct tolvard_state tolvard_state = {
 	.sig_term = 0,
 	.sig_usr1 = 0,
 	.sig_usr2 = 0,
+	.id_rate = TOLVARD_ID_RATE,
+	.id_margin = TOLVARD_ID_MARGIN,
+	.id_margin_unknown = TOLVARD_ID_MARGIN_UNKNOWN,
 };
 
 void tolvard_tracev(int category, const char *fmt, va_list ap)
@@ -132,6 +137,10 @@ static_assert(offsetof(struct tolvard_state, timer_context) <
 static_assert(offsetof(struct tolvard_state, conn_lost) <
     offsetof(struct tolvard_state, free_list));
 
+namespace {
+bool pid_file_ours;	/* this process holds the pid lock */
+}
+
 int tolvard_pidlock(void)
 {
 	int fd = pid_lock(TOLVARD_PID_FILE);
@@ -140,7 +149,16 @@ int tolvard_pidlock(void)
 		tolvard_event(TOLVARD_PID_FILE_LOCK, platform_progname());
 		TOLVARD_EXIT(1);
 	}
+	pid_file_ours = true;
 	return fd;
+}
+
+/* At a clean exit; only the daemon that holds the lock removes it. */
+void tolvard_pid_remove(void)
+{
+	if (pid_file_ours)
+		unlink(tolvar::path(TOLVARD_PID_FILE).c_str());
+	pid_file_ours = false;
 }
 
 void tolvard_timer_assert(const char *message)

@@ -131,6 +131,29 @@ struct tolvard_state {
 	volatile sig_atomic_t sig_term;
 	volatile sig_atomic_t sig_usr1;
 	volatile sig_atomic_t sig_usr2;
+
+	/*
+	 * The id margin (id_margin.cc).  heard_at is the wall-clock second
+	 * at which this engine last knew the newest id of the engines: as
+	 * master, every second it stays master; as standby, when the
+	 * master's id or any of the master's bytes arrived.  0: unknown.
+	 */
+	uint64_t id_rate;		/* ids per second, the highest rate */
+	uint64_t id_margin;		/* added at every change to master */
+	uint64_t id_margin_unknown;	/* added when heard_at is unknown */
+	uint8_t id_margin_due;		/* became master, margin not yet added */
+	uint64_t id_margin_added;	/* the last margin added */
+	int64_t heard_at;
+	int config_errors;		/* of the last configuration read */
+
+	/* The status file and its counters (status.cc). */
+	otimer_t *status_timer;
+	int64_t link_since;		/* wall clock of the last link change */
+	uint64_t bytes_in_seen;		/* mirror bytes in at the last tick */
+	uint32_t records_sent;
+	uint32_t barriers_acked;
+	uint32_t barriers_lost;
+	int64_t restart_at;		/* wall clock of a pending restart */
 };
 
 extern struct tolvard_state tolvard_state;
@@ -145,6 +168,7 @@ void tolvard_rlimit_init(void);
 uint32_t tolvard_role_query(void);
 void tolvard_state_init(void);
 int tolvard_pidlock(void);
+void tolvard_pid_remove(void);
 void tolvard_timer_init(void);
 void tolvard_timer_assert(const char *message);
 [[noreturn]] void tolvard_exit(const char *function, int line, int code);
@@ -153,6 +177,7 @@ void tolvard_timer_assert(const char *message);
 /* config.cc */
 int tolvard_config_read(int check);
 int tolvard_process_graceful_restart_cfg(char *errmsg, size_t errlen);
+int tolvard_platform_check(void);
 
 /* db.cc */
 void tolvard_open(void);
@@ -193,6 +218,25 @@ void tolvard_issu_prepare(void *ctx, int *abort, int *ready,
 void tolvard_issu_switchover_prepare(void *ctx, int *ready,
     struct keel_issu_info *info);
 void tolvard_issu_done(void *ctx);
+
+/* id_margin.cc: never an id twice across a change of master */
+#define TOLVARD_ID_RATE			10000000ULL
+#define TOLVARD_ID_MARGIN		10000000ULL	/* 1 s at the rate */
+#define TOLVARD_ID_MARGIN_UNKNOWN	3000000000ULL	/* 300 s at the rate */
+int tolvard_id_margin_config(int check);
+void tolvard_id_margin_start(int64_t previous_heard_at);
+void tolvard_id_margin_apply(void);
+uint64_t tolvard_id_margin_size(int64_t now);
+int tolvard_ids_open(void);
+void tolvard_heard(void);
+
+/* status.cc: what the daemon shows of itself */
+#define TOLVARD_STATUS_FILE	"/var/run/tolvard.status"
+int64_t tolvard_status_previous_heard_at(void);
+void tolvard_status_init(void);
+void tolvard_status_write(void);
+void tolvard_status_dump(void);
+void tolvard_status_final(void);
 
 /* server.cc: the local client server */
 int tolvard_server_init(void);

@@ -361,3 +361,38 @@ TEST(ConfigRead, GracefulSwitchoverFollowsEachGoodRead)
 }
 
 } // namespace
+
+/*
+ * The margin at a change to master: the base, plus the rate for every
+ * second since this engine last knew the newest id, or the unknown margin
+ * when it never did; never wrapping.
+ */
+TEST(IdMargin, GrowsWithTheTimeOutOfStep)
+{
+	struct tolvard_state saved = tolvard_state;
+	tolvard_state.id_rate = 1000;
+	tolvard_state.id_margin = 50;
+	tolvard_state.id_margin_unknown = 7000;
+
+	tolvard_state.heard_at = 0;
+	EXPECT_EQ(tolvard_id_margin_size(100), 7050u);
+	tolvard_state.heard_at = 100;
+	EXPECT_EQ(tolvard_id_margin_size(100), 50u);
+	EXPECT_EQ(tolvard_id_margin_size(130), 30050u);
+	/* A clock set back is no time at all, not a smaller margin. */
+	EXPECT_EQ(tolvard_id_margin_size(40), 50u);
+	tolvard_state.id_rate = UINT64_MAX / 2;
+	EXPECT_EQ(tolvard_id_margin_size(100 + 10), UINT64_MAX);
+
+	/* Due only on a start as master. */
+	tolvard_state.role = role_standby;
+	tolvard_state.id_margin_due = 0;
+	tolvard_id_margin_start(5);
+	EXPECT_EQ(tolvard_state.id_margin_due, 0);
+	EXPECT_EQ(tolvard_state.heard_at, 5);
+	tolvard_state.role = role_master;
+	tolvard_id_margin_start(0);
+	EXPECT_EQ(tolvard_state.id_margin_due, 1);
+	EXPECT_EQ(tolvard_ids_open(), 0);
+	tolvard_state = saved;
+}

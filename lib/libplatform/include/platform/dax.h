@@ -37,6 +37,13 @@ int ddl_access_object_find_by_name(ddl_handle_t *parent, const char *const *path
                                    ddl_handle_t **out, char *errmsg,
                                    size_t errlen);
 void ddl_access_release(ddl_handle_t *obj);
+/*
+ * The value of a statement "set <path...> <value>": the one word after
+ * path, last statement winning.  1 when found, 0 when not, -1 with errmsg
+ * when the database is not open or did not parse.
+ */
+int ddl_access_value(const char *const *path, char *buf, size_t size,
+                     char *errmsg, size_t errlen);
 
 /*
  * The word that follows path (a NULL-terminated list of names) in the
