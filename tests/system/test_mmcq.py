@@ -16,6 +16,7 @@ Delivery bounds that every scenario checks (at most once):
 MMCQ_TORTURE_SECONDS sets the length of the random campaign (make check
 keeps it short; tools/mmcq-torture.sh runs a long one).
 """
+import json
 import os
 import random
 import signal
@@ -63,6 +64,11 @@ class Queues:
             ["nsenter", f"--ipc={self.ns}", "--", self.prog] + list(args),
             env=self.env(**env), capture_output=True, text=True,
             timeout=GENEROUS)
+
+    def sdbctl(self, *args):
+        return subprocess.run([program("sdbctl")] + list(args),
+                              env=self.env(), capture_output=True, text=True,
+                              timeout=GENEROUS)
 
     def receiver(self, name, log=None):
         p = self.start("recv", name, log or self.log)
@@ -162,6 +168,13 @@ def test_grows_to_its_limit_under_a_stopped_receiver_then_answers_full(queues):
     assert res.returncode == 0 and "status=Q_FULL" in res.stdout, res
     assert q.file_size("grow") == 1 << 20
     filled = int(res.stdout.split("sent=")[1])
+    show = q.sdbctl("mmcq", "grow", "--json")
+    assert show.returncode == 0, show.stderr
+    info = json.loads(show.stdout)
+    assert info["receiver"] == r.pid and info["receiver_alive"]
+    assert info["msgs_sent"] == 300 + filled
+    assert info["bytes_in_use"] > info["max_data_bytes"] - 300
+    assert info["extensions_tried"] == (1 << 20) // (64 << 10) - 1
     os.kill(r.pid, signal.SIGCONT)
     q.wait_delivered(300 + filled)
     got = q.received()
@@ -199,6 +212,9 @@ def test_sender_killed_at_a_crash_point(queues, point):
     q.wait_delivered(total_sent(q))
     assert q.check() >= total_sent(q)
     assert "MMCQ_BAD_ENTRY" not in q.root.event_tags()
+    show = q.sdbctl("mmcq", "cp")
+    assert show.returncode == 0 and "extender                   0\n" in \
+        show.stdout, show.stdout
 
 
 def test_receiver_killed_after_copying_out_loses_nothing(queues):

@@ -156,19 +156,33 @@ uint32_t page_size()
 }
 
 /* The bounds that every reader and writer relies on. */
-bool header_sane(const mmcq_header_t *h, uint64_t current)
+const char *header_fault(const mmcq_header_t *h, uint64_t current)
 {
 	uint32_t min = h->min_data_offset, max = h->max_data_offset;
 	uint32_t put = at(const_cast<uint32_t &>(h->put_offset)).load();
 	uint32_t take = at(const_cast<uint32_t &>(h->take_offset)).load();
-	return h->version == MMCQ_VERSION && h->size == MMCQ_HEADER_BYTES &&
-	    min >= page_size() && min < max && max <= current &&
-	    h->max_data_bytes == max - min && h->max_msg_bytes != 0 &&
-	    h->max_msg_bytes + 4 < h->max_data_bytes && h->send_disabled <= 1 &&
-	    put >= min && put <= max && take >= min &&
-	    /* in the commit of a move take stands in the grown part */
-	    take <= (h->ext_take == 0 ? max : current) &&
-	    (h->ext_take == 0 || (h->ext_take >= min && h->ext_take < max));
+	if (h->version != MMCQ_VERSION || h->size != MMCQ_HEADER_BYTES)
+		return "wrong version or size";
+	if (min < page_size() || min >= max || max > current)
+		return "ring bounds outside the file";
+	if (h->max_data_bytes != max - min)
+		return "ring size disagrees with its bounds";
+	if (h->max_msg_bytes == 0 || h->max_msg_bytes + 4 >= h->max_data_bytes)
+		return "largest message does not fit the ring";
+	if (h->send_disabled > 1)
+		return "send disabled flag not 0 or 1";
+	/* in the commit of a move take stands in the grown part */
+	if (put < min || put > max || take < min ||
+	    take > (h->ext_take == 0 ? max : current))
+		return "put or take offset outside the ring";
+	if (h->ext_take != 0 && (h->ext_take < min || h->ext_take >= max))
+		return "move record outside the ring";
+	return nullptr;
+}
+
+bool header_sane(const mmcq_header_t *h, uint64_t current)
+{
+	return header_fault(h, current) == nullptr;
 }
 
 void event(mmcq_t *q, const char *tag, const char *fmt, ...)
@@ -736,6 +750,12 @@ mmcq_t *open_queue(const char *name, mm_ctx_t *ev, bool own_ev, bool receiver,
 }
 
 } // namespace
+
+extern "C" const char *mmcq_header_fault(const mmcq_header_t *h,
+    uint64_t current_bytes)
+{
+	return header_fault(h, current_bytes);
+}
 
 extern "C" bool mmcq_pid_alive_on(uint32_t pid, int fd)
 {

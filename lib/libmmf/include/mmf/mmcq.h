@@ -96,6 +96,13 @@ void mmcq_receiver_receive(mmcq_t *q);
 
 const char *mmcq_status_text(int status);
 
+/*
+ * Whether a header copied out of a queue file of current_bytes holds
+ * together; NULL when it does, else what is wrong.  For tools that read
+ * a file without opening the queue.
+ */
+const char *mmcq_header_fault(const mmcq_header_t *h, uint64_t current_bytes);
+
 /* Liveness of a pid as a partner of the file that fd opens. */
 bool mmcq_pid_alive_on(uint32_t pid, int fd);
 
