@@ -93,6 +93,7 @@ struct mmcq {
 	bool delete_pending;
 	bool replaced_reported;
 	uint64_t extend_again_ns;	/* after a mover gave up waiting */
+	uint32_t own_max_msg;		/* what this opener asked for */
 };
 
 namespace {
@@ -167,7 +168,7 @@ const char *header_fault(const mmcq_header_t *h, uint64_t current)
 		return "ring bounds outside the file";
 	if (h->max_data_bytes != max - min)
 		return "ring size disagrees with its bounds";
-	if (h->max_msg_bytes == 0 || h->max_msg_bytes + 4 >= h->max_data_bytes)
+	if (h->max_msg_bytes == 0 || uint64_t(h->max_msg_bytes) + 4 >= h->max_data_bytes)
 		return "largest message does not fit the ring";
 	if (h->send_disabled > 1)
 		return "send disabled flag not 0 or 1";
@@ -649,6 +650,7 @@ mmcq_t *open_queue(const char *name, mm_ctx_t *ev, bool own_ev, bool receiver,
 	q->sender = !receiver;
 	q->default_bytes = default_bytes;
 	q->max_bytes = max_bytes;
+	q->own_max_msg = max_msg_bytes;
 	q->grow_by_bytes = (max_map_region_bytes == 0 ||
 	    max_map_region_bytes == max_bytes) ? max_bytes : max_map_region_bytes;
 	q->region_map_bytes = max_map_region_bytes / 4;
@@ -691,7 +693,7 @@ mmcq_t *open_queue(const char *name, mm_ctx_t *ev, bool own_ev, bool receiver,
 	if (fresh)
 		h->max_msg_bytes = 0;
 	if (max_msg_bytes > h->max_msg_bytes &&
-	    max_msg_bytes + 4 < h->max_data_bytes)
+	    uint64_t(max_msg_bytes) + 4 < h->max_data_bytes)
 		h->max_msg_bytes = max_msg_bytes;
 	if (receiver) {
 		uint32_t prev = at(h->receiver).load();
@@ -839,7 +841,7 @@ void repair_header(mmcq_t *q)
 	    reinterpret_cast<const uint8_t *>(mmf_get_shared_info(q->mmf)) +
 	    MMCQ_HEADER_BYTES;
 	init_header(q, common_end);
-	if (max_msg == 0 || max_msg + 4 >= h->max_data_bytes)
+	if (max_msg == 0 || uint64_t(max_msg) + 4 >= h->max_data_bytes)
 		max_msg = std::min<uint32_t>(h->max_data_bytes / 4, 1024);
 	h->max_msg_bytes = max_msg;
 	h->receiver = receiver;
@@ -853,6 +855,10 @@ int send_locked(mmcq_t *q, const void *msg, uint32_t len)
 	TOLVAR_CRASH_POINT("mmcq.send.locked");
 	for (int round = 0;; round++) {
 		repair_header(q);
+		/* A stored limit below ours is raised, as at open. */
+		if (len > h->max_msg_bytes && len <= q->own_max_msg &&
+		    uint64_t(q->own_max_msg) + 4 < h->max_data_bytes)
+			h->max_msg_bytes = q->own_max_msg;
 		if (len > h->max_msg_bytes)
 			return MMCQ_BAD_PARAMETER;
 		int st = settle(q, false);
