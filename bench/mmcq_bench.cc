@@ -5,7 +5,10 @@
  * 16-byte and 512-byte messages, from one and from four sender
  * processes, to one receiver that reads as fast as it can (the queue
  * without wakeups, polled; the socket by blocking reads).  Each message
- * carries its send time; latency is receive time minus send time.
+ * carries its send time; latency is receive time minus send time.  The
+ * senders run flat out, so latency includes the backlog that builds up
+ * ahead of the receiver (the queue holds it; the socket makes its senders
+ * wait instead).
  */
 #include "mmf/mmcq.h"
 #include "platform/ev.h"
