@@ -198,6 +198,14 @@ void event(mmcq_t *q, const char *tag, const char *fmt, ...)
 	log_event(tag, "mmcq", __LINE__, "queue %s: %s", q->name, text);
 }
 
+/* The end of the queue header, in file offsets. */
+uint64_t common_end(mmcq_t *q)
+{
+	return reinterpret_cast<uint8_t *>(q->q) -
+	    reinterpret_cast<const uint8_t *>(mmf_get_shared_info(q->mmf)) +
+	    MMCQ_HEADER_BYTES;
+}
+
 /* Under the heap lock: lay a new, empty header (state left at init). */
 void init_header(mmcq_t *q, uint64_t common_end)
 {
@@ -625,6 +633,16 @@ bool wait_ready(mmcq_t *q, uint64_t common_end)
 	}
 }
 
+/* A handle that never opened: nothing but its memory to give back. */
+mmcq_t *discard(mmcq_t *q)
+{
+	free(q->name);
+	if (q->own_ev)
+		mm_ctx_destroy(q->ev);
+	delete q;
+	return nullptr;
+}
+
 mmcq_t *open_queue(const char *name, mm_ctx_t *ev, bool own_ev, bool receiver,
     mmcq_receive_cb_t receive_cb, uint32_t max_msg_bytes,
     uint32_t default_bytes, uint32_t max_bytes, uint32_t max_map_region_bytes,
@@ -664,13 +682,8 @@ mmcq_t *open_queue(const char *name, mm_ctx_t *ev, bool own_ev, bool receiver,
 
 	bool file_created = false;
 	q->mmf = open_heap(q, max_map_region_bytes, &file_created);
-	if (q->mmf == nullptr) {
-		free(q->name);
-		if (own_ev)
-			mm_ctx_destroy(ev);
-		delete q;
-		return nullptr;
-	}
+	if (q->mmf == nullptr)
+		return discard(q);
 	if (created != nullptr)
 		*created = file_created;
 	mmf_lock(q->mmf);
@@ -679,17 +692,10 @@ mmcq_t *open_queue(const char *name, mm_ctx_t *ev, bool own_ev, bool receiver,
 	if (h == nullptr) {
 		mmf_unlock(q->mmf);
 		mmf_close(q->mmf);
-		free(q->name);
-		if (own_ev)
-			mm_ctx_destroy(ev);
-		delete q;
-		return nullptr;
+		return discard(q);
 	}
-	uint64_t common_end = reinterpret_cast<uint8_t *>(h) -
-	    reinterpret_cast<const uint8_t *>(mmf_get_shared_info(q->mmf)) +
-	    MMCQ_HEADER_BYTES;
 	if (!fresh && at(h->state).load() != MMCQ_STATE_READY)
-		fresh = wait_ready(q, common_end);
+		fresh = wait_ready(q, common_end(q));
 	if (fresh)
 		h->max_msg_bytes = 0;
 	if (max_msg_bytes > h->max_msg_bytes &&
@@ -837,10 +843,7 @@ void repair_header(mmcq_t *q)
 	uint32_t max_msg = h->max_msg_bytes;
 	uint32_t receiver = h->receiver;
 	uint8_t no_wakeups = h->no_wakeups;
-	uint64_t common_end = reinterpret_cast<uint8_t *>(h) -
-	    reinterpret_cast<const uint8_t *>(mmf_get_shared_info(q->mmf)) +
-	    MMCQ_HEADER_BYTES;
-	init_header(q, common_end);
+	init_header(q, common_end(q));
 	if (max_msg == 0 || uint64_t(max_msg) + 4 >= h->max_data_bytes)
 		max_msg = std::min<uint32_t>(h->max_data_bytes / 4, 1024);
 	h->max_msg_bytes = max_msg;
