@@ -64,7 +64,7 @@ void sdb_lts_close(void);
 int sdb_sts_init(uint64_t bytes, uint32_t unit_bytes);
 void sdb_sts_close(void);
 void sdb_sts_quiesce(void);
-int sdb_mailbox_attach(void);
+int sdb_mailbox_attach(bool create);
 void sdb_mailbox_detach(void);
 void sdb_sem_forget(void);
 void sdb_db_tables_reset(void);

@@ -1,8 +1,7 @@
 /*
  * Places in the open and close order for stores that are built on top of
  * the environment: the limit segments, the dynamic variable names, the
- * short-term store, the mailbox segment and the
- * statistics databases.  Each one succeeds without touching shared
+ * short-term store and the statistics databases.  Each one succeeds without touching shared
  * memory; the module that owns the store replaces its entry here.
  */
 #include "sdb_impl.h"
@@ -30,15 +29,6 @@ void sdb_sts_close(void)
 }
 
 void sdb_sts_quiesce(void)
-{
-}
-
-int sdb_mailbox_attach(void)
-{
-	return 0;
-}
-
-void sdb_mailbox_detach(void)
 {
 }
 
