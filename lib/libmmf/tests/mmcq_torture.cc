@@ -129,6 +129,7 @@ int cmd_send(const char *name, long count, unsigned seed)
 		printf("sent %u %ld\n", id, seq);
 	}
 	mmcq_close(q);
+	__evDestroy(ev);
 	return 0;
 }
 
@@ -169,6 +170,7 @@ int cmd_drain(const char *name, const char *log)
 	int got = drain_all(q);
 	printf("drained %d\n", got);
 	mmcq_close(q);
+	__evDestroy(ev);
 	return got < 0 ? 1 : 0;
 }
 
@@ -188,6 +190,7 @@ int cmd_fill(const char *name)
 	} while (st == MMCQ_SUCCESS);
 	printf("status=%s sent=%ld\n", mmcq_status_text(st), seq - 1);
 	mmcq_close(q);
+	__evDestroy(ev);
 	return st == MMCQ_Q_FULL ? 0 : 1;
 }
 
