@@ -35,5 +35,8 @@ printf '\n=== masters killed while handing out ids, 20 runs ===\n'
 TOLVAR_BUILD="$build" TOLVAR_ID_MARGIN_RUNS=20 /usr/bin/python3 -m pytest -q \
     -p no:cacheprovider tests/system/test_id_margin.py || status=1
 
+printf '\n=== mapped queue campaign ===\n'
+tools/mmcq-torture.sh "$build" || status=1
+
 [ $status -eq 0 ] && echo "torture: passed" || echo "torture: FAILED"
 exit $status

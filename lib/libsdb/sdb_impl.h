@@ -84,7 +84,7 @@ void sdb_unit_pools_init(void);
 void sdb_unit_pools_forget(void);
 int sdb_lts_init(bool is_keel);
 void sdb_lts_close(void);
-int sdb_mailbox_attach(void);
+int sdb_mailbox_attach(bool create);
 void sdb_mailbox_detach(void);
 void sdb_sem_forget(void);
 void sdb_db_tables_reset(void);

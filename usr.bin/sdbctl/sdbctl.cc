@@ -19,6 +19,7 @@ int sdbctl_barrier(int argc, char **argv);
 int sdbctl_sts(int argc, char **argv);
 int sdbctl_limits(int argc, char **argv);
 int sdbctl_fpc(int argc, char **argv);
+int sdbctl_mmcq(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "[--json]", sdbctl_status},
@@ -33,6 +34,7 @@ static const sdbctl_command commands[] = {
 	{"limits", "show [--json] | check | set LEVEL KEY LIMIT | "
 	    "count LEVEL KEY COUNT | dump", sdbctl_limits},
 	{"fpc", "show [--json] [SLOT] | set SLOT FIELD VALUE", sdbctl_fpc},
+	{"mmcq", "name [--json]", sdbctl_mmcq},
 	{nullptr, nullptr, nullptr},
 };
 

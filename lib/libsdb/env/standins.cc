@@ -1,19 +1,10 @@
 /*
  * Places in the open and close order for stores that are built on top of
- * the environment: the mailbox segment and the statistics databases.
- * Each one succeeds without touching shared memory; the module that owns
- * the store replaces its entry here.
+ * the environment: the statistics databases.  Each one succeeds without
+ * touching shared memory; the module that owns the store replaces its
+ * entry here.
  */
 #include "sdb_impl.h"
-
-int sdb_mailbox_attach(void)
-{
-	return 0;
-}
-
-void sdb_mailbox_detach(void)
-{
-}
 
 extern "C" int libstats_init_db(void *)
 {

@@ -217,7 +217,7 @@ int sdb_lts_init(bool is_keel)
 	}
 	const sdb_scale &sc = sdb_scale_get();
 	if (sdb_sts_init(sc.sts_bytes, 5 * 4096) != 0 ||
-	    sdb_mailbox_attach() != 0) {
+	    sdb_mailbox_attach(is_keel) != 0) {
 		sdb_lts_close();
 		return SDB_ERR_NOMEM;
 	}

@@ -27,6 +27,7 @@
 #include <platform/paths.h>
 #include <sdb/keel.h>
 #include <sdb/sdb.h>
+#include <sdb/sdb_bbe.h>
 #include <sdb/sdb_db.h>
 
 #include "sdb_impl.h"
@@ -205,13 +206,17 @@ TEST_F(SdbEnv, KeelCreatesEveryStoreAndAClientAttaches)
 	EXPECT_EQ(info->lock_type, -1);
 
 	*sdb_id_word() = 77;
+	EXPECT_EQ(sdb_bbe_mailbox_get(), 0);
+	sdb_bbe_mailbox_set(5);
 	ASSERT_EQ(sdb_close_internal(true), 0);
 	EXPECT_EQ(sdb_main_segment(), nullptr);
+	EXPECT_EQ(sdb_bbe_mailbox_get(), 1);	/* none attached */
 
 	/* A client finds all of it, and its close removes nothing. */
 	ASSERT_EQ(sdb_open_internal(false), 0);
 	EXPECT_EQ(*sdb_id_word(), 77u);
 	ASSERT_EQ(sdb_db_init(&h_, false), 0);
+	EXPECT_EQ(sdb_bbe_mailbox_get(), 5);
 	ASSERT_EQ(sdb_db_secondary_init(false, false), 0);
 	EXPECT_EQ(sdb_lts_header_ptr()->client_attaches, 1u);
 	EXPECT_EQ(sdb_db_env_state(), SDB_STATE_UP);
@@ -220,6 +225,11 @@ TEST_F(SdbEnv, KeelCreatesEveryStoreAndAClientAttaches)
 	EXPECT_TRUE(fs::exists(tolvar::path(SDB_INTF_FILE)));
 	std::string key = tolvar::path(SDB_SHM_KEY_FILE);
 	EXPECT_GE(shmget(ftok(key.c_str(), SDB_SHM_PROJECT), 0, 0), 0);
+	/* The mailbox is root's alone. */
+	int mb = shmget(ftok(key.c_str(), SDB_BBE_MAILBOX_PROJECT), 0, 0);
+	struct shmid_ds ds;
+	ASSERT_EQ(shmctl(mb, IPC_STAT, &ds), 0);
+	EXPECT_EQ(ds.shm_perm.mode & 0777, 0600u);
 }
 
 TEST_F(SdbEnv, SegmentOfTheOtherIdSpaceClassIsRefused)
