@@ -580,7 +580,7 @@ mirror_q_send_schedule()
 }
 
 void
-mirror_q_link_closed()
+mirror_q_clear()
 {
 	mirror_q_flush_stop();
 	/* Nothing is sent any more: every item leaves, and those that want
