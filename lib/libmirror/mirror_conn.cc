@@ -83,10 +83,7 @@ write_redzone()
 void
 check_redzone()
 {
-	uint32_t word;
-	std::memcpy(&word, mirror_l.tx_buf + mirror_l.effective_tx, sizeof(word));
-	mirror_assert(word == MIRROR_REDZONE_PATTERN && "mirror send buffer overrun");
-	(void)word;
+	mirror_assert(*mirror_tx_redzone() == MIRROR_REDZONE_PATTERN);
 }
 
 void
@@ -1266,7 +1263,8 @@ mirror_register_data(mirror_reg_entry *entry)
 {
 	mirror_assert(mirror_l.set_up);
 	mirror_assert(entry != nullptr);
-	mirror_assert(entry->mirror_data_id < mirror_l.st.MIRROR_DATA_LAST);
+	mirror_assert_text(entry->mirror_data_id < mirror_l.st.MIRROR_DATA_LAST,
+	    "data_id < MIRROR_DATA_LAST");
 	mirror_assert(mirror_l.reg[entry->mirror_data_id] == nullptr);
 	mirror_assert(entry->mirror_data_lock_func != nullptr && entry->mirror_data_unlock_func != nullptr &&
 	    entry->mirror_data_encode_func != nullptr && entry->mirror_data_decode_func != nullptr);

@@ -93,6 +93,9 @@ struct mirror_generic_job {
     const char *func);
 #define mirror_assert(e) \
 	((e) ? (void)0 : mirror_assert_fail(#e, __FILE__, __LINE__, __func__))
+/* The same with the text that names the condition in the caller's terms. */
+#define mirror_assert_text(e, text) \
+	((e) ? (void)0 : mirror_assert_fail((text), __FILE__, __LINE__, __func__))
 
 /* The table, slot by slot. */
 struct mirror_func_table {

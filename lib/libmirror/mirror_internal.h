@@ -50,6 +50,13 @@ struct mirror_link {
 
 extern mirror_link mirror_l;
 
+/* The word behind the effective send buffer. */
+inline uint32_t *
+mirror_tx_redzone()
+{
+	return reinterpret_cast<uint32_t *>(mirror_l.tx_buf + mirror_l.effective_tx);
+}
+
 /* Bytes the receive ring holds. */
 constexpr uint32_t mirror_rx_capacity = MIRROR_READ_BUFF_SIZE - 1;
 

@@ -523,7 +523,7 @@ TEST(MirrorLinkDeathTest, MisuseStopsTheProcess)
 	EXPECT_DEATH(mirror_register_data(&again), "mirror assertion failed");
 	mirror_reg_entry beyond = session_class;
 	beyond.mirror_data_id = 3;
-	EXPECT_DEATH(mirror_register_data(&beyond), "mirror assertion failed");
+	EXPECT_DEATH(mirror_register_data(&beyond), "data_id < MIRROR_DATA_LAST");
 	mirror_reg_entry incomplete = session_class;
 	incomplete.mirror_data_id = 0;
 	incomplete.mirror_data_decode_func = nullptr;

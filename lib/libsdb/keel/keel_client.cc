@@ -91,7 +91,7 @@ already_registered(keel_handle *h, bool *done)
 	if (h->is_keel) {
 		logging_event(6, "LIBSDB_KEEL_REGISTERED", no_attrs,
 		    "LIBSDB_KEEL_REGISTERED: Invalid %s() call, keel daemon "
-		    "already registered.", __func__);
+		    "already registered.", "keel_register");
 		*done = true;
 		return 0;
 	}
@@ -456,8 +456,10 @@ extern "C" int
 keel_unregister(keel_handle **hp)
 {
 	keel_insist(g_keel_init_handle_done);
-	keel_insist(hp != nullptr && *hp == g_keel_ctx);
-	keel_handle *h = *hp;
+	keel_handle *ctx = hp != nullptr ? *hp : nullptr;
+	keel_insist(ctx == g_keel_ctx);
+	keel_insist(ctx != nullptr);
+	keel_handle *h = ctx;
 	int rc = 0;
 
 	if (h->user_reg) {
