@@ -380,10 +380,11 @@ int tolvard_rep_start(void)
 		 * has generated since.  Sending it as it stands would pull
 		 * the standby's counter back until the next poll, and a
 		 * switchover in that gap would hand out ids twice.  Take the
-		 * current value first; the check sends it when it moved.
+		 * current value first; the check sends it when it moved, and
+		 * then it goes out once.
 		 */
-		tolvard_session_id_check();
-		tolvard_session_id_send();
+		if (!tolvard_session_id_check())
+			tolvard_session_id_send();
 	}
 	tolvard_rep_ready_set(1);
 	if (tolvard_state.role == role_master &&
