@@ -414,6 +414,12 @@ keel_reregister(keel_handle *h)
 		keel_info(h, "KEEL reregister failed calling "
 		    "sdb_close_internal(), err: %d", rc);
 
+	/*
+	 * The mastership is asked again on this path too: the socket was
+	 * lost, perhaps across a switchover, and the recovery check below
+	 * and the registration's master bit must not act on the old one.
+	 * Without it keel answers -31 and the database is opened twice.
+	 */
 	(void)keel_query_mastership(h);
 	if ((rc = env->open_internal(h->is_keel)) != 0) {
 		keel_info(h, "KEEL reregister failed calling "
