@@ -211,7 +211,8 @@ int tolvard_session_id_check(void)
 	if (tolvard_state.role != role_master)
 		return 0;
 	uint64_t id = sdb_id_get();
-	if (id == tolvard_state.session_id_sent)
+	/* 0: the word is not mapped yet, while an open is retried. */
+	if (id == 0 || id == tolvard_state.session_id_sent)
 		return 0;
 	uint64_t before = tolvard_state.session_id_sent;
 	tolvard_state.session_id_sent = id;

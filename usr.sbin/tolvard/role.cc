@@ -376,7 +376,7 @@ int tolvard_rep_start(void)
 	 * The same holds while the open is still being retried: the
 	 * database-ready callback starts replication when it comes.
 	 */
-	if (!tolvard_state.db_up) {
+	if (tolvard_state.db_env == nullptr) {
 		tolvard_trace(TRACE_DB, "Cannot start replication, database down");
 		return -1;
 	}
