@@ -531,6 +531,11 @@ generic_set_option(mirror_task *task, int option, int value)
 			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_KEEPINTVL, &intvl, sizeof(intvl));
 		if (rc == 0)
 			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_KEEPCNT, &cnt, sizeof(cnt));
+		/* Probes wait while data is unacknowledged: bound that too. */
+		unsigned int user_ms = static_cast<unsigned int>((idle + cnt * intvl) * 1000);
+		if (rc == 0)
+			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &user_ms,
+			    sizeof(user_ms));
 		break;
 	}
 	default:

@@ -377,6 +377,9 @@ def test_peer_without_keepalives_is_dropped_once_its_host_is_gone(pair):
     standby = pair.start(1, "standby", args=("-1",))
     assert master.wait(r"^state 1$")
     assert "gen=1 " in master.query("peer", r"^peer ")
+    # Nothing of ours in flight: both end-of-database records answered.
+    assert master.wait(r"^eod count=0 receiver=0$")
+    assert master.wait(r"^eod count=0 receiver=1$")
     # The standby's host falls silent: only the kernel's probes notice.
     mark = master.mark()
     _ip("-n", pair.ns[1], "link", "set", pair.veth[1], "down")
