@@ -352,6 +352,8 @@ TEST_F(Channel, ReplicationStartSendsAMovedIdOnce)
 	tolvard_state.gres_enabled = 1;
 	tolvard_state.mirror_up = 1;
 	tolvard_state.mirror_inited = 0;	/* every send is traced and fails */
+	static char env;
+	tolvard_state.db_env = &env;
 	tolvard_state.session_id_sent = 7;
 	ASSERT_EQ(sdb_id_set(40), 0);
 	EXPECT_EQ(tolvard_rep_start(), 0);
@@ -362,6 +364,7 @@ TEST_F(Channel, ReplicationStartSendsAMovedIdOnce)
 	EXPECT_EQ(t.find(send, first + 1), std::string::npos);
 	tolvard_state.mirror_up = 0;
 	tolvard_state.rep_ready = 0;
+	tolvard_state.db_env = nullptr;
 }
 
 int main(int argc, char **argv)
