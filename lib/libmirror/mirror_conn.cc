@@ -54,8 +54,8 @@ constexpr int peer_maxseg = 1398;
 mirror_sw_version local_version;
 void (*direct_ready_fn)(void);
 
-void start_listen(mirror_timer *timer, void *data);
-void connect_peer(mirror_timer *timer, void *data);
+void mirror_start_listen(mirror_timer *timer, void *data);
+void mirror_connect_peer(mirror_timer *timer, void *data);
 void mirror_init_listen();
 void mirror_init_connect();
 
@@ -83,10 +83,7 @@ write_redzone()
 void
 check_redzone()
 {
-	uint32_t word;
-	std::memcpy(&word, mirror_l.tx_buf + mirror_l.effective_tx, sizeof(word));
-	mirror_assert(word == MIRROR_REDZONE_PATTERN && "mirror send buffer overrun");
-	(void)word;
+	mirror_assert(*mirror_tx_redzone() == MIRROR_REDZONE_PATTERN);
 }
 
 void
@@ -159,7 +156,7 @@ format_last_close(const char *func, int line)
 }
 
 void
-keepalive_send(mirror_timer *, void *)
+mirror_peer_keepalive_send(mirror_timer *, void *)
 {
 	if (mirror_l.tx_len == 0) {
 		mirror_l.tx_len = static_cast<uint32_t>(wire::put_keepalive(
@@ -176,7 +173,7 @@ keepalive_send(mirror_timer *, void *)
 }
 
 void
-keepalive_expiry(mirror_timer *, void *)
+mirror_peer_keepalive_expiry(mirror_timer *, void *)
 {
 	mirror_trace("mirror keepalive expired after %u seconds",
 	    mirror_l.peer.mpi_keepalive);
@@ -185,7 +182,7 @@ keepalive_expiry(mirror_timer *, void *)
 }
 
 void
-start_keepalive_timer(mirror_timer **timer, uint32_t secs, mirror_timer_fn handler)
+mirror_start_keepalive_timer(mirror_timer **timer, uint32_t secs, mirror_timer_fn handler)
 {
 	if (!mirror_connected() || secs == 0 || mirror_l.task == nullptr)
 		return;
@@ -231,11 +228,11 @@ link_ready()
 void
 start_keepalives()
 {
-	start_keepalive_timer(&mirror_l.keepalive_recv_timer, mirror_l.peer.mpi_keepalive,
-	    keepalive_expiry);
+	mirror_start_keepalive_timer(&mirror_l.keepalive_recv_timer, mirror_l.peer.mpi_keepalive,
+	    mirror_peer_keepalive_expiry);
 	if (mirror_l.peer.mpi_keepalive != 0)
-		start_keepalive_timer(&mirror_l.keepalive_send_timer,
-		    MIRROR_KEEPALIVE_SEND_PERIOD, keepalive_send);
+		mirror_start_keepalive_timer(&mirror_l.keepalive_send_timer,
+		    MIRROR_KEEPALIVE_SEND_PERIOD, mirror_peer_keepalive_send);
 }
 
 /* A malformed stream: say so everywhere, then close through the one path. */
@@ -255,10 +252,34 @@ stream_error(const char *func, int line, const char *what)
 	mirror_peer_close_actual(func, line);
 }
 
+/* Refused without a close: a warning to the application and an event. */
+void
+vrefused(const char *func, int line, const char *peer, const char *fmt, va_list ap)
+{
+	char what[160], text[256];
+	vsnprintf(what, sizeof(what), fmt, ap);
+	snprintf(text, sizeof(text), "Mirror peer %s: %s", peer, what);
+	mirror_trace("%s", text);
+	static const char *const attrs[] = {"peer", "reason", nullptr};
+	logging_event(LOG_WARNING, "MIRROR_PEER_REFUSED", attrs,
+	    "MIRROR_PEER_REFUSED: %s:%d: %s", func, line, text);
+	mirror_report(MIRROR_REPORT_WARNING, text);
+	mirror_l.stats.ms_refused++;
+}
+
+__attribute__((format(printf, 4, 5))) void
+refused(const char *func, int line, const char *peer, const char *fmt, ...)
+{
+	va_list ap;
+	va_start(ap, fmt);
+	vrefused(func, line, peer, fmt, ap);
+	va_end(ap);
+}
+
 #define STREAM_ERROR(what) stream_error(__func__, __LINE__, (what))
 
 void
-version_mismatch(uint32_t version, const char *reason)
+cntrl_version_mismatch(uint32_t version, const char *reason)
 {
 	if (mirror_l.task != nullptr) {
 		char text[255];
@@ -284,10 +305,36 @@ version_mismatch(uint32_t version, const char *reason)
 	mirror_peer_close();
 }
 
+/*
+ * A peer that announced no keepalive time (a first-generation peer, or a
+ * keepalive time of 0) sends nothing while the link is idle, so no timer
+ * of ours may bound its silence without cutting a healthy idle link.  The
+ * kernel's keepalive probes bound it instead: they are invisible to the
+ * peer's program, and a peer whose host is gone is dropped after the
+ * keepalive time we announce ourselves and three unanswered probes.
+ */
+void
+watch_silent_peer()
+{
+	if (mirror_l.peer.mpi_keepalive != 0 || mirror_l.task == nullptr)
+		return;
+	int rc = mirror_func->set_option(mirror_l.task, MIRROR_SOCKOPT_KEEPALIVE,
+	    MIRROR_KEEPALIVE_TIME);
+	if (rc != 0)
+		mirror_trace("mirror keepalive option failed: %s", strerror(rc));
+}
+
 /* The peer's control message was accepted, in either generation. */
 void
 control_accepted()
 {
+	/*
+	 * Whatever was refused before, this peer speaks our version: the
+	 * next loss of the link retries at the normal rate again, even when
+	 * our own control message is still leaving.
+	 */
+	mirror_l.retry_period = retry_normal;
+	watch_silent_peer();
 	for (uint32_t id = 0; id < mirror_l.st.MIRROR_DATA_LAST; id++) {
 		mirror_reg_entry *e = mirror_l.reg[id];
 		/* The peer may have restarted: what it sent before counts no more. */
@@ -296,7 +343,6 @@ control_accepted()
 	}
 	mirror_l.rx_cntrl_done = 1;
 	if (mirror_connected()) {
-		mirror_l.retry_period = retry_normal;
 		link_ready();
 		mirror_q_link_up();
 		mirror_report_state(MIRROR_STATE_UP);
@@ -383,7 +429,7 @@ rx_cntrl2(std::span<const uint8_t> value)
 		mirror_l.peer.mpi_flags = in.flags;
 	if (in.has_flags && in.flags > MIRROR_CNTRL_FLAGS_MAX) {
 		mirror_trace("mirror cntrl2 invalid flag ");
-		version_mismatch(0, "invalid flags");
+		cntrl_version_mismatch(0, "invalid flags");
 		return;
 	}
 	control_accepted();
@@ -396,15 +442,20 @@ rx_cntrl(std::span<const uint8_t> value)
 		return;	/* the second generation came first */
 	wire::cntrl_in in;
 	if (!wire::parse_cntrl(value, in)) {
-		version_mismatch(0, "invalid length");
+		cntrl_version_mismatch(0, "invalid length");
+		return;
+	}
+	if (in.version == 0) {
+		/* No number to name in the text: say what came instead. */
+		cntrl_version_mismatch(0, "invalid version 0");
 		return;
 	}
 	if (in.version != MIRROR_CNTRL_VERSION) {
-		version_mismatch(in.version, nullptr);
+		cntrl_version_mismatch(in.version, nullptr);
 		return;
 	}
 	if (in.flags > MIRROR_CNTRL_FLAGS_MAX) {
-		version_mismatch(0, "invalid flags");
+		cntrl_version_mismatch(0, "invalid flags");
 		return;
 	}
 	clear_peer_info();
@@ -513,8 +564,8 @@ mirror_flush_rx_buf()
 	if (mirror_l.rx_out == mirror_l.rx_in)
 		mirror_l.rx_in = mirror_l.rx_out = 0;
 	if (walked > 0)
-		start_keepalive_timer(&mirror_l.keepalive_recv_timer,
-		    mirror_l.peer.mpi_keepalive, keepalive_expiry);
+		mirror_start_keepalive_timer(&mirror_l.keepalive_recv_timer,
+		    mirror_l.peer.mpi_keepalive, mirror_peer_keepalive_expiry);
 	if (more && mirror_l.rx_job == nullptr && mirror_l.task != nullptr) {
 		/*
 		 * Complete TLVs are left and the socket may have nothing more to
@@ -652,7 +703,7 @@ mirror_peer_connected()
 }
 
 void
-peer_connect_complete(mirror_task *task)
+mirror_peer_connect_complete(mirror_task *task)
 {
 	if (mirror_func->get_addr_remote(task) == nullptr) {
 		mirror_l.stats.ms_last_errno = errno;
@@ -664,14 +715,14 @@ peer_connect_complete(mirror_task *task)
 }
 
 void
-connect_peer(mirror_timer *, void *)
+mirror_connect_peer(mirror_timer *, void *)
 {
 	mirror_task *task = mirror_l.task;
 	if (task == nullptr || mirror_func->task_socket(task) >= 0)
 		return;	/* an attempt is under way or the link is up */
 	if (mirror_l.st.port == 0 && mirror_l.st.lr_id != 0)
 		return;	/* the master's dynamic port is not known yet */
-	mirror_func->set_connect(task, peer_connect_complete);
+	mirror_func->set_connect(task, mirror_peer_connect_complete);
 	int rc = mirror_func->connect_ore(task, htons(mirror_l.st.port));
 	if (rc == 0) {
 		mirror_peer_connected();
@@ -696,7 +747,7 @@ mirror_init_connect()
 	}
 	if (mirror_l.connect_timer == nullptr)
 		mirror_l.connect_timer = mirror_func->timer_create(mirror_l.task,
-		    "Connect Timer", 0, mirror_l.retry_period, 0, connect_peer, nullptr);
+		    "Connect Timer", 0, mirror_l.retry_period, 0, mirror_connect_peer, nullptr);
 }
 
 void
@@ -724,11 +775,11 @@ listen_failed(const char *what, int err)
 	mirror_func->close(mirror_l.listen_task);
 	if (mirror_l.listen_timer == nullptr)
 		mirror_l.listen_timer = mirror_func->timer_create(mirror_l.listen_task,
-		    "Listen Timer", 0, mirror_l.retry_period, 0, start_listen, nullptr);
+		    "Listen Timer", 0, mirror_l.retry_period, 0, mirror_start_listen, nullptr);
 }
 
 void
-start_listen(mirror_timer *, void *)
+mirror_start_listen(mirror_timer *, void *)
 {
 	mirror_task *lt = mirror_l.listen_task;
 	const mirror_state &st = mirror_l.st;
@@ -796,7 +847,7 @@ mirror_init_listen()
 	}
 	if (mirror_l.listen_timer == nullptr && mirror_func->task_socket(mirror_l.listen_task) < 0)
 		mirror_l.listen_timer = mirror_func->timer_create(mirror_l.listen_task,
-		    "Listen Timer", 0, mirror_l.retry_period, 0, start_listen, nullptr);
+		    "Listen Timer", 0, mirror_l.retry_period, 0, mirror_start_listen, nullptr);
 }
 
 void
@@ -838,6 +889,15 @@ void
 mirror_stream_error(const char *func, int line, const char *what)
 {
 	stream_error(func, line, what);
+}
+
+void
+mirror_peer_refused(const char *func, int line, const char *fmt, ...)
+{
+	va_list ap;
+	va_start(ap, fmt);
+	vrefused(func, line, mirror_task_peer_name(), fmt, ap);
+	va_end(ap);
 }
 
 void
@@ -903,8 +963,8 @@ mirror_data_transmit()
 		}
 		mirror_func->timer_reset(mirror_l.keepalive_send_timer);
 		if (mirror_l.peer.mpi_keepalive != 0)
-			start_keepalive_timer(&mirror_l.keepalive_send_timer,
-			    MIRROR_KEEPALIVE_SEND_PERIOD, keepalive_send);
+			mirror_start_keepalive_timer(&mirror_l.keepalive_send_timer,
+			    MIRROR_KEEPALIVE_SEND_PERIOD, mirror_peer_keepalive_send);
 		return 0;
 	}
 	int e = n < 0 ? errno : EAGAIN;
@@ -968,9 +1028,34 @@ mirror_sock_data_receive(mirror_task *, int, int mask)
 		mirror_data_receive();
 }
 
+/*
+ * Only the other routing engine may take the one connection: anyone else
+ * who reaches the port would keep the real standby out for as long as it
+ * holds the link.  A stranger is closed at once and the listener stays.
+ */
+static bool
+expected_peer(const mirror_addr *peer)
+{
+	uint32_t want;
+	int rc = mirror_expected_peer(&want);
+	if (rc == 0 && peer != nullptr && peer->ma_kind == MIRROR_ADDR_INET &&
+	    peer->ma_addr4 == want)
+		return true;
+	char wanted[INET_ADDRSTRLEN] = "unknown";
+	if (rc == 0)
+		inet_ntop(AF_INET, &want, wanted, sizeof(wanted));
+	refused(__func__, __LINE__, mirror_addr_print(peer), "connection refused: the peer is %s",
+	    wanted);
+	return false;
+}
+
 void
 mirror_listen_accept_common(mirror_task *, int fd, const mirror_addr *peer)
 {
+	if (!expected_peer(peer)) {
+		close(fd);
+		return;
+	}
 	if (mirror_l.task != nullptr) {
 		/* One connection at a time; the listener should be gone. */
 		mirror_trace("mirror second connection from %s refused",
@@ -1045,7 +1130,7 @@ mirror_peer_close_actual(const char *func, int line)
 	mirror_l.cntrl_written = 0;
 	mirror_l.stats.ms_bytes_in = mirror_l.stats.ms_bytes_out = 0;
 	mirror_l.stats.ms_throttles = 0;
-	mirror_q_link_closed();
+	mirror_q_clear();
 	reset_buffers();
 	if (mirror_l.rx_job != nullptr) {
 		mirror_func->job_delete(mirror_l.rx_job);
@@ -1178,7 +1263,8 @@ mirror_register_data(mirror_reg_entry *entry)
 {
 	mirror_assert(mirror_l.set_up);
 	mirror_assert(entry != nullptr);
-	mirror_assert(entry->mirror_data_id < mirror_l.st.MIRROR_DATA_LAST);
+	mirror_assert_text(entry->mirror_data_id < mirror_l.st.MIRROR_DATA_LAST,
+	    "data_id < MIRROR_DATA_LAST");
 	mirror_assert(mirror_l.reg[entry->mirror_data_id] == nullptr);
 	mirror_assert(entry->mirror_data_lock_func != nullptr && entry->mirror_data_unlock_func != nullptr &&
 	    entry->mirror_data_encode_func != nullptr && entry->mirror_data_decode_func != nullptr);

@@ -21,6 +21,7 @@
 #include <platform/logging.h>
 #include <platform/timescale.h>
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
@@ -518,6 +519,25 @@ generic_set_option(mirror_task *task, int option, int value)
 	case MIRROR_SOCKOPT_MAXSEG:
 		rc = setsockopt(task->fd, IPPROTO_TCP, TCP_MAXSEG, &value, sizeof(value));
 		break;
+	case MIRROR_SOCKOPT_KEEPALIVE: {
+		/* Probes every sixth of the idle time, three unanswered drop. */
+		int on = 1, cnt = 3;
+		int idle = std::max(1, static_cast<int>(value / tolvar_timescale()));
+		int intvl = std::max(1, static_cast<int>(value / 6 / tolvar_timescale()));
+		rc = setsockopt(task->fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+		if (rc == 0)
+			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof(idle));
+		if (rc == 0)
+			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_KEEPINTVL, &intvl, sizeof(intvl));
+		if (rc == 0)
+			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_KEEPCNT, &cnt, sizeof(cnt));
+		/* Probes wait while data is unacknowledged: bound that too. */
+		unsigned int user_ms = static_cast<unsigned int>((idle + cnt * intvl) * 1000);
+		if (rc == 0)
+			rc = setsockopt(task->fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &user_ms,
+			    sizeof(user_ms));
+		break;
+	}
 	default:
 		return EINVAL;
 	}
@@ -670,15 +690,8 @@ generic_connect(mirror_task *task, uint16_t port_net)
 		return rc;
 
 	uint32_t addr;
-	if (st->use_peer_addr) {
-		addr = st->peer_addr;
-	} else {
-		const char *name = peer_re_name();
-		if (name == nullptr)
-			return ENOENT;
-		if ((rc = iri_gethostbyname(name, &addr)) != 0)
-			return rc;
-	}
+	if ((rc = mirror_expected_peer(&addr)) != 0)
+		return rc;
 	free(task->addr);
 	task->addr = mirror_addr_v4(port_net, addr);
 	if (task->addr == nullptr)
@@ -695,6 +708,24 @@ generic_connect(mirror_task *task, uint16_t port_net)
 	errno = EINPROGRESS;
 	return errno;
 }
+
+} // namespace
+
+int
+mirror_expected_peer(uint32_t *addr_net)
+{
+	const mirror_state *st = mirror_state_get();
+	if (st->use_peer_addr) {
+		*addr_net = st->peer_addr;
+		return 0;
+	}
+	const char *name = peer_re_name();
+	if (name == nullptr)
+		return ENOENT;
+	return iri_gethostbyname(name, addr_net);
+}
+
+namespace {
 
 void
 generic_set_terminate(mirror_task *task, mirror_task_fn fn)

@@ -80,6 +80,7 @@ struct mirror_generic_job {
 #define MIRROR_SOCKOPT_RCVBUF		5
 #define MIRROR_SOCKOPT_SNDBUF		6
 #define MIRROR_SOCKOPT_MAXSEG		7
+#define MIRROR_SOCKOPT_KEEPALIVE	8	/* kernel probes after value idle seconds */
 
 #define MIRROR_IP_RTBL_OPTION		109	/* IPPROTO_IP level */
 #define MIRROR_INTERNAL_SA		"__tamrack_internal_ipsec_sa__"
@@ -92,6 +93,9 @@ struct mirror_generic_job {
     const char *func);
 #define mirror_assert(e) \
 	((e) ? (void)0 : mirror_assert_fail(#e, __FILE__, __LINE__, __func__))
+/* The same with the text that names the condition in the caller's terms. */
+#define mirror_assert_text(e, text) \
+	((e) ? (void)0 : mirror_assert_fail((text), __FILE__, __LINE__, __func__))
 
 /* The table, slot by slot. */
 struct mirror_func_table {
@@ -174,6 +178,13 @@ void mirror_sock_connection_write_ready(mirror_task *task, int fd, int mask);
 void mirror_listen_accept_common(mirror_task *task, int fd, const mirror_addr *peer);
 void mirror_generic_re_switchover(mirror_task *task);
 void mirror_generic_terminate(mirror_task *task);
+
+/*
+ * The other routing engine's address (network order), as the connector
+ * uses it: peer_addr when use_peer_addr is set, else the peer engine's
+ * name looked up.  0 or an errno value.
+ */
+int mirror_expected_peer(uint32_t *addr_net);
 
 /* Library trace, category 1 of the application's trace file. */
 void mirror_trace(const char *fmt, ...) __attribute__((format(printf, 1, 2)));

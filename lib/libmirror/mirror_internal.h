@@ -50,10 +50,20 @@ struct mirror_link {
 
 extern mirror_link mirror_l;
 
+/* The word behind the effective send buffer. */
+inline uint32_t *
+mirror_tx_redzone()
+{
+	return reinterpret_cast<uint32_t *>(mirror_l.tx_buf + mirror_l.effective_tx);
+}
+
 /* Bytes the receive ring holds. */
 constexpr uint32_t mirror_rx_capacity = MIRROR_READ_BUFF_SIZE - 1;
 
 #define mirror_peer_close() mirror_peer_close_actual(__func__, __LINE__)
+/* Something of the peer's refused without a close: warning and event. */
+void mirror_peer_refused(const char *func, int line, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 void mirror_peer_close_actual(const char *func, int line);
 int mirror_data_transmit();
 bool mirror_is_receiver(const mirror_reg_entry *entry);
@@ -67,7 +77,7 @@ void mirror_report_state(int state);
 void mirror_q_setup();				/* library classes */
 void mirror_q_send_schedule();			/* room or link changed */
 void mirror_q_link_up();			/* resync decisions */
-void mirror_q_link_closed();			/* drop queues, post acks */
+void mirror_q_clear();			/* drop queues, post acks */
 void mirror_q_rx_reset();			/* forget partial records */
 void mirror_q_decode_all();			/* apply what has arrived */
 void mirror_q_stop_resync();

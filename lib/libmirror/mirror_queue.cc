@@ -168,13 +168,6 @@ op_common(mirror_data_node *node, uint8_t ack, uint8_t op)
 	return ack ? 2 : 1;
 }
 
-/* The word behind the effective send buffer. */
-uint32_t *
-mirror_tx_redzone()
-{
-	return reinterpret_cast<uint32_t *>(mirror_l.tx_buf + mirror_l.effective_tx);
-}
-
 #define mirror_tx_buffer_len (mirror_l.tx_len)
 
 /*
@@ -580,7 +573,7 @@ mirror_q_send_schedule()
 }
 
 void
-mirror_q_link_closed()
+mirror_q_clear()
 {
 	mirror_q_flush_stop();
 	/* Nothing is sent any more: every item leaves, and those that want

@@ -278,11 +278,14 @@ mirror_q_rx_resync_req(uint16_t data_id)
 	/*
 	 * Names are compared over the length that came in, so the two ends
 	 * may disagree about which ids they share; closing on such a request
-	 * would only repeat at every connection.  It is dropped instead.
+	 * would only repeat at every connection and take every other class
+	 * down with it.  It is refused, loudly, and the link stays.
 	 */
 	if (data_id >= mirror_l.st.MIRROR_DATA_LAST || !mirror_peer_known(data_id) ||
 	    (e != nullptr && (e->mirror_no_resync || e->mirror_data_get_next_func == nullptr))) {
-		mirror_trace("mirror resync request for data id %u ignored", data_id);
+		mirror_peer_refused(__func__, __LINE__, "resync request for data id %u refused: %s",
+		    data_id, data_id >= mirror_l.st.MIRROR_DATA_LAST || !mirror_peer_known(data_id) ?
+		    "not a shared class" : "the class has no resync");
 		return;
 	}
 	if (e == nullptr) {

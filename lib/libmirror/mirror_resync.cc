@@ -186,8 +186,7 @@ mirror_request_db_resync(uint32_t data_id)
 	mirror_assert(n == need);
 	mirror_l.tx_len += need;
 	mirror_l.tx_open_main = -1;	/* records behind it need a main TLV of their own */
-	mirror_assert(*reinterpret_cast<uint32_t *>(mirror_l.tx_buf + mirror_l.effective_tx) ==
-	    MIRROR_REDZONE_PATTERN);
+	mirror_assert(*mirror_tx_redzone() == MIRROR_REDZONE_PATTERN);
 	if (mirror_l.tx_error == 0)
 		mirror_data_transmit();
 	return 0;

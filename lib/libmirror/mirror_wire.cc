@@ -47,6 +47,8 @@ error_text(error e)
 		return "bad operation";
 	case error::empty_cntrl2:
 		return "empty control message";
+	case error::bad_handle:
+		return "bad acknowledgement handle length";
 	}
 	return "unknown error";
 }
@@ -378,8 +380,10 @@ parse_data(std::span<const uint8_t> value, data_sink &sink)
 			if (def.ack > MIRROR_ACK_REPLY)
 				return error::bad_mode;
 			if (def.ack != MIRROR_ACK_NONE) {
-				if (len - MIRROR_DATA_DEF_OVERHEAD > MIRROR_DATA_HANDLE_LEN)
-					return error::bad_length;
+				/* The handle goes back byte for byte: any other
+				 * length than ours could not be returned as it came. */
+				if (len - MIRROR_DATA_DEF_OVERHEAD != MIRROR_DATA_HANDLE_LEN)
+					return error::bad_handle;
 				def.handle_len = static_cast<uint8_t>(len - MIRROR_DATA_DEF_OVERHEAD);
 				std::memcpy(def.handle, v.data() + MIRROR_DATA_DEF_OVERHEAD,
 				    def.handle_len);

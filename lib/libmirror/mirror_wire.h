@@ -30,6 +30,7 @@ enum class error {
 	bad_mode,	/* an acknowledgement mode above 2 */
 	bad_op,		/* an operation outside 1 to 4 */
 	empty_cntrl2,	/* a control message without sub-TLVs */
+	bad_handle,	/* an acknowledgement handle of another length than 4 */
 };
 
 const char *error_text(error e);

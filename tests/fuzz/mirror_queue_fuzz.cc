@@ -19,7 +19,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <arpa/inet.h>
+#include <cstdio>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/stat.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -103,9 +107,22 @@ timer_fatal(const char *)
 void
 setup()
 {
-	/* A root below which nothing can be made: the events of a million
-	 * closed links go nowhere. */
-	setenv("TOLVAR_ROOT", "/dev/null", 1);
+	/* A root with the platform file only, which names the peer engine
+	 * that the fuzzed connections come from: without var/log the events
+	 * of a million closed links go nowhere. */
+	char tmpl[] = "/tmp/mirror-queue-fuzz.XXXXXX";
+	const char *root = mkdtemp(tmpl);
+	if (root == nullptr)
+		abort();
+	std::string etc = std::string(root) + "/etc";
+	mkdir(etc.c_str(), 0755);
+	mkdir((etc + "/tolvar").c_str(), 0755);
+	FILE *f = fopen((etc + "/tolvar/platform").c_str(), "w");
+	if (f == nullptr)
+		abort();
+	fputs("peer_address = 127.0.0.1\n", f);
+	fclose(f);
+	setenv("TOLVAR_ROOT", root, 1);
 	__evCreate(&ev);
 	mirror_state st{};
 	st.mirror_db_table = db_table;
@@ -163,7 +180,7 @@ LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0)
 		abort();
 	fcntl(sv[0], F_SETFL, O_NONBLOCK);
-	mirror_addr *a = mirror_addr_text("fuzz");
+	mirror_addr *a = mirror_addr_v4(0, htonl(INADDR_LOOPBACK));
 	mirror_listen_accept_common(nullptr, sv[1], a);
 	free(a);
 	uint8_t ctl[512];

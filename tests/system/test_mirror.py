@@ -15,6 +15,7 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import threading
 import time
 
@@ -115,7 +116,7 @@ class Pair:
         self.addr = ["10.99.1.1", "10.99.1.2"]
         self.tmp_path = tmp_path
         self.drivers = []
-        veth = [f"vm{tag}a", f"vm{tag}b"]
+        veth = self.veth = [f"vm{tag}a", f"vm{tag}b"]
         try:
             for ns in self.ns:
                 _ip("netns", "add", ns)
@@ -371,6 +372,56 @@ def test_first_generation_peer(pair):
     assert master.wait(r"data=old$")
 
 
+def test_peer_without_keepalives_is_dropped_once_its_host_is_gone(pair):
+    master = pair.start(0, "master")
+    standby = pair.start(1, "standby", args=("-1",))
+    assert master.wait(r"^state 1$")
+    assert "gen=1 " in master.query("peer", r"^peer ")
+    # Nothing of ours in flight: both end-of-database records answered.
+    assert master.wait(r"^eod count=0 receiver=0$")
+    assert master.wait(r"^eod count=0 receiver=1$")
+    # The standby's host falls silent: only the kernel's probes notice.
+    mark = master.mark()
+    _ip("-n", pair.ns[1], "link", "set", pair.veth[1], "down")
+    assert master.wait(r"^state 0$", timeout=60, start=mark)
+
+
+STRANGER = """
+import socket, sys
+s = socket.socket()
+s.bind((sys.argv[1], 0))
+s.settimeout(20)
+s.connect((sys.argv[2], int(sys.argv[3])))
+try:
+    s.sendall(bytes.fromhex(sys.argv[4]))
+    while s.recv(4096):
+        pass
+except ConnectionResetError:
+    pass
+"""
+
+
+def test_only_the_peer_engine_may_take_the_link(pair):
+    # A third address on the standby's side that is not the peer's.
+    _ip("-n", pair.ns[1], "addr", "add", "10.99.1.3/24", "dev", pair.veth[1])
+    master = pair.start(0, "master")
+    assert master.wait(r"^state 2$")
+    res = subprocess.run(
+        ["ip", "netns", "exec", pair.ns[1], sys.executable, "-c", STRANGER,
+         "10.99.1.3", pair.addr[0], "32006", (cntrl2() + cntrl()).hex()],
+        capture_output=True, text=True, timeout=60)
+    assert res.returncode == 0, res.stderr
+    assert master.wait(r"^report 1 Mirror peer 10\.99\.1\.3\.\d+: connection "
+                       r"refused: the peer is 10\.99\.1\.2$")
+    assert master.count(r"^state 1$") == 0
+    # The listener stayed: the real standby gets in.
+    standby = pair.start(1, "standby")
+    assert master.wait(r"^state 1$")
+    assert standby.wait(r"^state 1$")
+    events = pair.drivers[0].root.events()
+    assert any(tag == "MIRROR_PEER_REFUSED" for _, tag, _, _ in events)
+
+
 def test_class_with_another_name_is_not_shared(pair):
     master = pair.start(0, "master")
     standby = pair.start(1, "standby", args=("-n", "Other data"))
@@ -430,6 +481,25 @@ def test_malformed_stream_closes_the_link(loopback, bad):
     assert driver.wait(r"data=fine$")
     again.close()
     conn.close()
+
+
+def test_resync_requests_the_class_cannot_answer_are_refused(loopback):
+    srv, start = loopback
+    driver = start()
+    conn = linked(srv, driver)
+    mark = driver.mark()
+    # Class 0 never resyncs, class 9 is not shared.
+    for data_id in (0, 9):
+        conn.sendall(tlv(1, tlv(2, struct.pack(">HH", data_id, 0))))
+    assert driver.wait(r"^report 1 Mirror peer .*: resync request for data "
+                       r"id 0 refused: the class has no resync$", start=mark)
+    assert driver.wait(r"^report 1 Mirror peer .*: resync request for data "
+                       r"id 9 refused: not a shared class$", start=mark)
+    # The link stays for what the peer does share.
+    conn.sendall(record(2, b"still here"))
+    assert driver.wait(r"data=still here$", start=mark)
+    assert driver.status()["connected"] == "1"
+    assert "MIRROR_PEER_REFUSED" in driver.root.event_tags()
 
 
 def test_version_mismatch_slows_the_retries(loopback):

@@ -10,6 +10,7 @@ import pathlib
 import shutil
 import struct
 import subprocess
+import sys
 import tempfile
 
 import pytest
@@ -192,3 +193,72 @@ def test_ids_made_while_a_tolvard_is_dead_arrive_after_its_restart(lab):
         assert wait_for(lambda: lab.id("re1") >= last and
                         lab.id("re1") == lab.id("re0"), timeout=GENEROUS), \
             (engine, lab.trace("re1"))
+
+
+VERSION_2_CONTROL = """
+import socket, struct, sys
+s = socket.create_connection((sys.argv[1], 32006), timeout=30)
+try:
+    s.sendall(struct.pack(">BBHIB3x", 0, 0, 8, 2, 0))
+    while s.recv(4096):
+        pass
+except ConnectionResetError:
+    pass
+"""
+
+
+def test_an_engine_with_the_shared_table_exchanges_resyncs_both_ways():
+    # re1's tolvard stays down once killed; a mirror-driver, whose table is
+    # 2 "TOLVARD session", 0 "End-of-database", 1 "Mirror ack", takes its
+    # place as standby.
+    driver_bin = BIN / "mirror-driver"
+    if not driver_bin.exists():
+        pytest.skip("mirror-driver is not built")
+    lab = start(TOLVAR_LAB_RESTART_DELAY=3600)
+    driver = None
+    try:
+        lab.wait_linked()
+        lab("kill", "re1", "tolvard")
+        assert wait_for(lambda: "Lost mirroring connection"
+                        in lab.trace("re0"), timeout=GENEROUS)
+        driver = subprocess.Popen(
+            [str(LAB), "exec", "re1", str(driver_bin)], env=lab.env,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        out = []
+
+        def seen(line):
+            while line not in out:
+                got = driver.stdout.readline()
+                if not got:
+                    return False
+                out.append(got.rstrip("\n"))
+            return True
+        # tolvard answers the driver's resync with its end-of-database
+        # record, and acknowledges the one that answers its own request.
+        assert seen("eod count=0 receiver=1"), out
+        assert seen("eod count=0 receiver=0"), out
+        driver.stdin.write("peer\n")
+        driver.stdin.flush()
+        peer = next(line for line in iter(driver.stdout.readline, "")
+                    if line.startswith("peer "))
+        assert "dbs=1:Mirror ack:1,0:End-of-database:1,2:TOLVARD session:1" \
+            in peer
+        driver.stdin.close()
+        driver.wait(timeout=GENEROUS)
+        driver = None
+        # The library's warnings reach tolvard's trace, and nothing else
+        # of the library's own lines does.
+        assert wait_for(lambda: "Lost mirroring connection" in
+                        lab.trace("re0").split("Mirroring connection up")[-1],
+                        timeout=GENEROUS)
+        lab("exec", "re1", sys.executable, "-c", VERSION_2_CONTROL,
+            "10.93.0.1", timeout=GENEROUS)
+        trace = lab.trace("re0")
+        assert ("mirror warning: Mirror versions on Routing Engines are "
+                "incompatible: master (this system) has version 1, standby "
+                "has version 2") in trace
+        assert "mirror accepted" not in trace
+    finally:
+        if driver is not None:
+            driver.kill()
+        stop(lab)

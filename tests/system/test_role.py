@@ -509,8 +509,8 @@ def test_malformed_messages_end_only_their_connection(lone):
         keeper.sendall(ack_msg(0xC0FFEE))
         assert recv_exactly(keeper, 12) == ack_msg(0xC0FFEE)
     assert lone.proc.poll() is None
-    # A wait for nothing: the database is down, so the answer came at once.
-    assert "Send ACK, gres enabled, mirror connection down, db down" \
+    # A wait for nothing: the link is down, so the answer came at once.
+    assert "Send ACK, gres enabled, mirror connection down, db up" \
         in lone.trace()
     keeper.close()
 

@@ -63,10 +63,6 @@ void tolvard_open(void)
 		tolvard_trace(TRACE_DB,
 		    "%s called, but our role is neither master nor standby",
 		    __func__);
-		/* db_up means the database is open: without a client
-		 * handle it cannot be. */
-		if (tolvard_state.keel_handle == nullptr)
-			tolvard_state.db_up = 0;
 		return;
 	}
 	otimer_stop(tolvard_state.db_retry_timer);
@@ -86,11 +82,13 @@ void tolvard_open(void)
 	tolvard_trace(TRACE_DB, "Failed to init %s, attempt %d, err:%d, %s",
 	    tolvard_state.db_name, tolvard_state.db_attempts, rc,
 	    sdb_strerror(rc));
-	/* Nothing is open after a failed registration: say so to the
-	 * readers of db_up (the local server and the poll). */
-	tolvard_state.db_up = 0;
-	/* keel not there to take the connection (restarting, or its
-	 * backlog full for the whole wait) is "try later" as well. */
+	/*
+	 * db_up stays as it was: it falls only when the database is closed.
+	 * Whether replication may start is db_env's to say, which only the
+	 * database-ready callback sets.  keel not there to take the
+	 * connection (restarting, or its backlog full for the whole wait) is
+	 * "try later" as well.
+	 */
 	if (rc != SDB_ERR_NOT_STARTED && rc != SDB_ERR_KEEL_CONNECT)
 		tolvard_state.db_attempts++;
 	if (rc == SDB_ERR_UNSUPPORTED) {

@@ -198,28 +198,30 @@ void tolvard_info_send(uint32_t state)
  * next tick tries again; otherwise an idle master would leave the standby
  * behind until the next session was made.
  */
-void tolvard_session_id_check(void)
+int tolvard_session_id_check(void)
 {
 	if (!tolvard_state.db_up) {
 		tolvard_trace(TRACE_DB, "Cannot empty queue, db down");
-		return;
+		return 0;
 	}
 	if (tolvard_state.role == role_none) {
 		tolvard_trace(TRACE_DB, "Cannot empty queue, waiting for "
 		    "master/standby role assignment");
-		return;
+		return 0;
 	}
 	if (tolvard_state.role != role_master)
-		return;
+		return 0;
 	uint64_t id = sdb_id_get();
-	if (id == tolvard_state.session_id_sent)
-		return;
+	/* 0: the word is not mapped yet, while an open is retried. */
+	if (id == 0 || id == tolvard_state.session_id_sent)
+		return 0;
 	uint64_t before = tolvard_state.session_id_sent;
 	tolvard_state.session_id_sent = id;
 	tolvard_trace(TRACE_DB, "New Session id %llu", (unsigned long long)id);
 	if (id != 0 && tolvard_rep_send(&id, sizeof(id),
 	    TOLVARD_MSG_SESSION_ID, 0) == nullptr)
 		tolvard_state.session_id_sent = before;
+	return 1;
 }
 
 void tolvard_poll(otimer_t *timer, void *arg)

@@ -22,10 +22,16 @@ void clear_all(void)
 	tolvard_trace(TRACE_MIRROR, "Mirror Lib, clear all");
 }
 
+/*
+ * The peer compares these names with its own table, id by id: a class is
+ * shared only under the same id and name.  They and their order are what
+ * every tolvard sends; another name for 0 or 1 would leave the peer
+ * without our end-of-database records and our answers to its resyncs.
+ */
 const mirror_db_entry db_table[] = {
-	{0, "end_of_db"},
-	{1, "mirror_ack_data"},
 	{TOLVARD_DATA_ID, "TOLVARD session"},
+	{0, "End-of-database"},
+	{1, "Mirror ack"},
 	{0, nullptr},
 };
 
@@ -38,6 +44,16 @@ void empty_free_list(void)
 }
 
 } // namespace
+
+/* The mirror library's warnings and errors, into the mirror category. */
+extern "C" void
+mirror_report(int code, const char *text)
+{
+	if (code == MIRROR_REPORT_WARNING)
+		tolvard_trace(TRACE_MIRROR, "mirror warning: %s", text);
+	else if (code == MIRROR_REPORT_ERROR)
+		tolvard_trace(TRACE_MIRROR, "mirror error: %s", text);
+}
 
 mirror_reg_entry tolvard_session_class = {
 	.mirror_data_lock_func = tolvard_data_lock,
@@ -104,7 +120,9 @@ int tolvard_mirror_init(void)
 	ms.is_master = tolvard_state.role == role_master;
 	ms.mirror_eventlib_context = tolvard_state.event_context;
 	ms.mirror_timer_context = tolvard_state.timer_context;
-	ms.trace = tolvard_state.trace;
+	/* Only a task host takes the library's own lines; tolvard hears of
+	 * what matters through mirror_report(). */
+	ms.trace = nullptr;
 	if (nmchassis_is_virtual_chassis()) {
 		tolvard_state.mirror_max_entries = TOLVARD_MIRROR_ENTRIES_VC;
 		ms.large_buffers = 1;

@@ -345,6 +345,28 @@ TEST_F(Channel, SendWithoutGracefulSwitchoverFailsAndTheIdIsTriedAgain)
 	    "assignment"));
 }
 
+TEST_F(Channel, ReplicationStartSendsAMovedIdOnce)
+{
+	tolvard_state.role = role_master;
+	tolvard_state.db_up = 1;
+	tolvard_state.gres_enabled = 1;
+	tolvard_state.mirror_up = 1;
+	tolvard_state.mirror_inited = 0;	/* every send is traced and fails */
+	static char env;
+	tolvard_state.db_env = &env;
+	tolvard_state.session_id_sent = 7;
+	ASSERT_EQ(sdb_id_set(40), 0);
+	EXPECT_EQ(tolvard_rep_start(), 0);
+	std::string t = traced();
+	const std::string send = "tolvard_rep_send: Send failed, mirroring not set up";
+	size_t first = t.find(send);
+	EXPECT_NE(first, std::string::npos);
+	EXPECT_EQ(t.find(send, first + 1), std::string::npos);
+	tolvard_state.mirror_up = 0;
+	tolvard_state.rep_ready = 0;
+	tolvard_state.db_env = nullptr;
+}
+
 int main(int argc, char **argv)
 {
 	::testing::InitGoogleTest(&argc, argv);

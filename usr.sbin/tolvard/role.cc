@@ -155,6 +155,13 @@ void tolvard_gres_sync(void)
 {
 	if (tolvard_state.gres_configured == tolvard_state.gres_enabled)
 		return;
+	/*
+	 * A standby that goes off says "not ready" first: with the flag
+	 * cleared the send would be refused, and the master would count on
+	 * it until the link went.
+	 */
+	if (!tolvard_state.gres_configured && tolvard_state.role == role_standby)
+		tolvard_rep_ready_set(0);
 	tolvard_state.gres_enabled = tolvard_state.gres_configured;
 	tolvard_trace(TRACE_MIRROR, "Graceful Switchover config changed");
 
@@ -382,7 +389,7 @@ int tolvard_rep_start(void)
 	 * The same holds while the open is still being retried: the
 	 * database-ready callback starts replication when it comes.
 	 */
-	if (!tolvard_state.db_up) {
+	if (tolvard_state.db_env == nullptr) {
 		tolvard_trace(TRACE_DB, "Cannot start replication, database down");
 		return -1;
 	}
@@ -393,12 +400,20 @@ int tolvard_rep_start(void)
 		 * has generated since.  Sending it as it stands would pull
 		 * the standby's counter back until the next poll, and a
 		 * switchover in that gap would hand out ids twice.  Take the
-		 * current value first; the check sends it when it moved.
+		 * current value first; the check sends it when it moved, and
+		 * then it goes out once.
 		 */
-		tolvard_session_id_check();
-		tolvard_session_id_send();
+		if (!tolvard_session_id_check())
+			tolvard_session_id_send();
 	}
-	tolvard_rep_ready_set(1);
+	/*
+	 * The standby tells a new link its state even when the flag did not
+	 * change: the master of this link has heard nothing from it yet.
+	 */
+	if (tolvard_state.role == role_standby && tolvard_state.rep_ready)
+		tolvard_info_send(TOLVARD_INFO_READY);
+	else
+		tolvard_rep_ready_set(1);
 	if (tolvard_state.role == role_master &&
 	    tolvard_state.keel_handle != nullptr)
 		keel_recovery_complete(tolvard_state.keel_handle);

@@ -120,6 +120,7 @@ TEST_F(Role, GresOffOnMasterStopsReplicationButKeepsDatabase)
 
 TEST_F(Role, GresOffOnStandbyClosesAndRestartsLater)
 {
+	tolvard_state.mirror_inited = 0;	/* its "not ready" goes nowhere */
 	tolvard_state.gres_enabled = 1;
 	tolvard_state.role = role_standby;
 	tolvard_state.gres_configured = 0;
@@ -128,6 +129,21 @@ TEST_F(Role, GresOffOnStandbyClosesAndRestartsLater)
 	EXPECT_EQ(tolvard_state.db_env, nullptr);
 	EXPECT_TRUE(otimer_is_running(tolvard_state.restart_timer));
 	EXPECT_TRUE(saw("Restarting in 30 seconds"));
+}
+
+TEST_F(Role, StandbySaysNotReadyBeforeGresGoesAndReadyAtEveryStart)
+{
+	/* Without a link set up every send is traced and goes no further. */
+	tolvard_state.mirror_inited = 0;
+	tolvard_state.role = role_standby;
+	tolvard_state.gres_enabled = 1;
+	tolvard_state.mirror_up = 1;
+	EXPECT_EQ(tolvard_rep_start(), 0);
+	EXPECT_TRUE(saw("Send failed, mirroring not set up"));
+	tolvard_state.gres_configured = 0;
+	tolvard_gres_sync();
+	EXPECT_TRUE(saw("Replication IS NOT ready"));
+	EXPECT_FALSE(saw("Send failed, GRES not configured"));
 }
 
 TEST_F(Role, GresOffWithoutRoleOnlyTraces)
@@ -163,7 +179,9 @@ TEST_F(Role, NoReadinessWhileARestartIsPending)
 	tolvard_state.role = role_standby;
 	tolvard_state.gres_enabled = 1;
 	tolvard_state.gres_configured = 0;
+	tolvard_state.mirror_inited = 0;	/* its "not ready" goes nowhere */
 	tolvard_gres_sync();
+	tolvard_state.mirror_inited = 1;
 	ASSERT_TRUE(otimer_is_running(tolvard_state.restart_timer));
 	/* Switched back on, and the link comes: still not ready. */
 	tolvard_state.gres_configured = 1;

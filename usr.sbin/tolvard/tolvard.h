@@ -250,7 +250,7 @@ struct tolvard_entry *tolvard_rep_send(const void *data, uint32_t size,
     uint32_t msg_type, uint8_t ack);
 void tolvard_session_id_send(void);
 void tolvard_info_send(uint32_t state);
-void tolvard_session_id_check(void);
+int tolvard_session_id_check(void);	/* 1: the id moved, a send was tried */
 void tolvard_poll(otimer_t *timer, void *arg);
 
 #endif

@@ -8,6 +8,7 @@
  * in the order written; each one starts from a fresh connection.
  */
 #include "mirror_host.h"
+#include "mirror_internal.h"
 #include "mirror_wire.h"
 
 #include <orx/mirror_data.h>
@@ -102,7 +103,7 @@ public:
 		setenv("TOLVAR_TEST_TIMESCALE", "20", 1);
 		tolvar_mkdirs((root + "/etc/tolvar").c_str(), 0755);
 		std::ofstream(root + "/etc/tolvar/platform")
-		    << "role = master\nmaxsockbuf = 1048576\n";
+		    << "role = master\npeer_address = 127.0.0.1\nmaxsockbuf = 1048576\n";
 		ASSERT_EQ(__evCreate(&ev), 0);
 		timers = otimer_context_create(ev, [](const char *m) { FAIL() << m; });
 		port = free_port();
@@ -181,6 +182,28 @@ public:
 			fd = -1;
 			for (int i = 0; i < 5; i++)
 				__evLoopOnce(ev, 10);
+			return false;
+		});
+	}
+
+	/* Connected once the listener is up, before the library accepted. */
+	bool connect_early(uint32_t from = INADDR_LOOPBACK)
+	{
+		return pump_until([this, from] {
+			fd = socket(AF_INET, SOCK_STREAM, 0);
+			struct sockaddr_in src = {};
+			src.sin_family = AF_INET;
+			src.sin_addr.s_addr = htonl(from);
+			struct sockaddr_in sin = {};
+			sin.sin_family = AF_INET;
+			sin.sin_port = htons(port);
+			sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+			if (bind(fd, reinterpret_cast<struct sockaddr *>(&src), sizeof(src)) == 0 &&
+			    connect(fd, reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin)) == 0)
+				return true;
+			close(fd);
+			fd = -1;
+			__evLoopOnce(ev, 10);
 			return false;
 		});
 	}
@@ -419,6 +442,31 @@ TEST(MirrorLink, FirstGenerationPeer)
 	EXPECT_EQ(mirror_peer_info()->mpi_keepalive, 0u);
 	EXPECT_TRUE(mirror_peer_known(0));
 	EXPECT_TRUE(mirror_peer_known(2));
+	/* It sends no keepalives: the kernel's probes watch it instead. */
+	int on = 0;
+	socklen_t len = sizeof(on);
+	ASSERT_EQ(getsockopt(mirror_l.task->fd, SOL_SOCKET, SO_KEEPALIVE, &on, &len), 0);
+	EXPECT_EQ(on, 1);
+}
+
+TEST(MirrorLink, OnlyThePeerEngineMayConnect)
+{
+	reports.clear();
+	raw_peer stranger;
+	ASSERT_TRUE(stranger.connect_early(INADDR_LOOPBACK + 1));
+	stranger.send_control();
+	ASSERT_TRUE(stranger.wait_closed());
+	EXPECT_FALSE(mirror_connected());
+	bool told = false;
+	for (auto &r : reports)
+		told |= r.first == MIRROR_REPORT_WARNING &&
+		    r.second.starts_with("Mirror peer 127.0.0.2.") &&
+		    r.second.ends_with(": connection refused: the peer is 127.0.0.1");
+	EXPECT_TRUE(told);
+	EXPECT_GE(mirror_stats()->ms_refused, 1u);
+	/* The listener stayed for the real peer. */
+	raw_peer peer;
+	ASSERT_TRUE(peer.ready());
 }
 
 TEST(MirrorLink, VersionMismatchIsReported)
@@ -436,6 +484,8 @@ TEST(MirrorLink, VersionMismatchIsReported)
 	     "has version 1, standby has version 2"},
 	    {"00 00 00 04  00 00 00 01", MIRROR_REPORT_ERROR,
 	     "Mirror version on other Routing Engine is incompatible: invalid length"},
+	    {"00 00 00 08  00 00 00 00 00 00 00 00", MIRROR_REPORT_ERROR,
+	     "Mirror version on other Routing Engine is incompatible: invalid version 0"},
 	};
 	for (auto &c : cases) {
 		raw_peer peer;
@@ -445,9 +495,17 @@ TEST(MirrorLink, VersionMismatchIsReported)
 		ASSERT_TRUE(peer.wait_closed());
 		EXPECT_TRUE(reported(c.code, c.text)) << c.text;
 	}
-	/* A good exchange brings the quick retry back. */
+	EXPECT_EQ(mirror_l.retry_period, 60u);
+	/*
+	 * A good exchange brings the quick retry back, even when the peer's
+	 * control message comes before ours has left: sent here before the
+	 * library even accepted the connection.
+	 */
 	raw_peer peer;
-	ASSERT_TRUE(peer.ready());
+	ASSERT_TRUE(peer.connect_early());
+	peer.send_control();
+	ASSERT_TRUE(pump_until([] { return mirror_connected() != 0; }));
+	EXPECT_EQ(mirror_l.retry_period, 2u);
 }
 
 TEST(MirrorLink, PeerBufferSizeIsRoundedAndHeldToOneWrite)
@@ -465,7 +523,7 @@ TEST(MirrorLinkDeathTest, MisuseStopsTheProcess)
 	EXPECT_DEATH(mirror_register_data(&again), "mirror assertion failed");
 	mirror_reg_entry beyond = session_class;
 	beyond.mirror_data_id = 3;
-	EXPECT_DEATH(mirror_register_data(&beyond), "mirror assertion failed");
+	EXPECT_DEATH(mirror_register_data(&beyond), "data_id < MIRROR_DATA_LAST");
 	mirror_reg_entry incomplete = session_class;
 	incomplete.mirror_data_id = 0;
 	incomplete.mirror_data_decode_func = nullptr;

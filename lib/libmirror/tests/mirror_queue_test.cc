@@ -174,7 +174,7 @@ public:
 		setenv("TOLVAR_TEST_TIMESCALE", "20", 1);
 		tolvar_mkdirs((root + "/etc/tolvar").c_str(), 0755);
 		std::ofstream(root + "/etc/tolvar/platform")
-		    << "role = master\nmaxsockbuf = 1048576\n";
+		    << "role = master\npeer_address = 127.0.0.1\nmaxsockbuf = 1048576\n";
 		ASSERT_EQ(__evCreate(&ev), 0);
 		timers = otimer_context_create(ev, [](const char *m) { FAIL() << m; });
 
@@ -263,7 +263,8 @@ public:
 		ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv), 0);
 		fd = sv[0];
 		fcntl(fd, F_SETFL, O_NONBLOCK);
-		mirror_addr *a = mirror_addr_text("test peer");
+		/* The peer engine's address: anyone else is refused. */
+		mirror_addr *a = mirror_addr_v4(0, htonl(INADDR_LOOPBACK));
 		mirror_listen_accept_common(nullptr, sv[1], a);
 		free(a);
 		uint8_t buf[1024];

@@ -275,7 +275,13 @@ TEST(MirrorTlv, DataStreamsThatBreakTheRules)
 	    {"mode 3", def_with("01 03"), error::bad_mode},
 	    {"handle of 8 bytes",
 	     hex("00 00 00 14  00 02 01 02  00 00 00 00  FE ED FA CE  00 00 00 00 00 00 00 00"),
-	     error::bad_length},
+	     error::bad_handle},
+	    {"wanted with a handle of 2 bytes",
+	     cat({hex("00 00 00 0E  00 02 01 01  00 00 00 04  FE ED FA CE  11 22"), good_data}),
+	     error::bad_handle},
+	    {"wanted without a handle",
+	     cat({hex("00 00 00 0C  00 02 01 01  00 00 00 04  FE ED FA CE"), good_data}),
+	     error::bad_handle},
 	};
 	for (auto &c : cases) {
 		collected got;

@@ -91,7 +91,7 @@ already_registered(keel_handle *h, bool *done)
 	if (h->is_keel) {
 		logging_event(6, "LIBSDB_KEEL_REGISTERED", no_attrs,
 		    "LIBSDB_KEEL_REGISTERED: Invalid %s() call, keel daemon "
-		    "already registered.", __func__);
+		    "already registered.", "keel_register");
 		*done = true;
 		return 0;
 	}
@@ -414,6 +414,12 @@ keel_reregister(keel_handle *h)
 		keel_info(h, "KEEL reregister failed calling "
 		    "sdb_close_internal(), err: %d", rc);
 
+	/*
+	 * The mastership is asked again on this path too: the socket was
+	 * lost, perhaps across a switchover, and the recovery check below
+	 * and the registration's master bit must not act on the old one.
+	 * Without it keel answers -31 and the database is opened twice.
+	 */
 	(void)keel_query_mastership(h);
 	if ((rc = env->open_internal(h->is_keel)) != 0) {
 		keel_info(h, "KEEL reregister failed calling "
@@ -456,8 +462,10 @@ extern "C" int
 keel_unregister(keel_handle **hp)
 {
 	keel_insist(g_keel_init_handle_done);
-	keel_insist(hp != nullptr && *hp == g_keel_ctx);
-	keel_handle *h = *hp;
+	keel_handle *ctx = hp != nullptr ? *hp : nullptr;
+	keel_insist(ctx == g_keel_ctx);
+	keel_insist(ctx != nullptr);
+	keel_handle *h = ctx;
 	int rc = 0;
 
 	if (h->user_reg) {

@@ -303,6 +303,9 @@ keel_read_message(keel_handle *h)
 	if (n == static_cast<ssize_t>(sizeof(type))) {
 		want = keel_msg_to_client_size(type);
 		if (want == 0) {
+			/* Of the two texts for an unknown type, the one of
+			 * the receive step: the event beside it gives the
+			 * length. */
 			reject(h, "Invalid message type %d", type, type);
 			return KEEL_ERR_FATAL;
 		}

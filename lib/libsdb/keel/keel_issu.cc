@@ -60,18 +60,19 @@ send_state(keel_handle *h)
 {
 	const char *name = keel_daemon_issu_name(h->issu.state);
 
+	/*
+	 * Without a connection nothing is sent: the caller hears so, and the
+	 * new state waits in the handle for the next registration, which
+	 * carries it to keel.
+	 */
+	if (h->fd < 0)
+		return KEEL_ERR_SEND;
 	if (has_info(h->issu.state))
 		keel_info(h, "Send ISSU message <%s>, wait=%d errstr=\"%s\"",
 		    name, static_cast<int>(h->issu.wait),
 		    h->issu.text_len != 0 ? h->issu.text : "NULL");
 	else
 		keel_info(h, "Send ISSU message <%s>", name);
-	/*
-	 * Without a connection the new state waits in the handle: the next
-	 * registration carries it to keel.
-	 */
-	if (h->fd < 0)
-		return 0;
 	keel_msg_issu m;
 	memset(&m, 0, sizeof(m));
 	m.type = KEEL_MSG_ISSU;

@@ -183,6 +183,7 @@ typedef struct mirror_link_stats {
 	uint32_t	ms_throttles;
 	uint32_t	ms_stream_errors;
 	char		last_close[128];
+	uint32_t	ms_refused;	/* connections from another address */
 } mirror_link_stats;
 
 int	mirror_setup(const mirror_state *state);

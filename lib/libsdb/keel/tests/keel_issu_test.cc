@@ -175,6 +175,18 @@ TEST_F(KeelIssu, AbortFromTheApplicationAndFromTheChassis)
 	EXPECT_EQ(out.issu.state, (uint32_t)KEEL_ISSU_IDLE);
 }
 
+TEST_F(KeelIssu, ChangesWithoutAConnectionFailAndWaitForTheRegistration)
+{
+	keel_msg_issu out;
+	calls.ready = 0;
+	calls.info.wait = 10;
+	ASSERT_TRUE(deliver(KEEL_CHASSIS_DAEMON_ISSU_PREPARE, &out));
+	keel_close_connection(h, 0, 0);
+	EXPECT_EQ(keel_issu_abort(h, 0, "link gone"), -35);
+	EXPECT_FALSE(logged("Send ISSU message <ABORT>"));
+	EXPECT_EQ(keel_daemon_issu_state(h), (uint32_t)KEEL_ISSU_ABORT);
+}
+
 TEST_F(KeelIssu, PrepareCanAbortAtOnce)
 {
 	keel_msg_issu out;

@@ -75,7 +75,7 @@ write_platform(const std::string &text)
 }
 
 int
-count_events(const std::string &tag)
+count_events(const std::string &tag, const std::string &text)
 {
 	FILE *f = fopen((test_root + "/var/log/events").c_str(), "r");
 	if (f == nullptr)
@@ -83,7 +83,8 @@ count_events(const std::string &tag)
 	char line[4096];
 	int n = 0;
 	while (fgets(line, sizeof(line), f) != nullptr)
-		n += strstr(line, ("\t" + tag + "\t").c_str()) != nullptr;
+		n += strstr(line, ("\t" + tag + "\t").c_str()) != nullptr &&
+		    strstr(line, text.c_str()) != nullptr;
 	fclose(f);
 	return n;
 }

@@ -89,7 +89,8 @@ int listen_on_keel_path(int backlog);
 void write_platform(const std::string &text);
 
 /* Lines of the event log with this tag. */
-int count_events(const std::string &tag);
+/* Events of the tag, only those whose line holds text when given. */
+int count_events(const std::string &tag, const std::string &text = "");
 
 /* Read one whole message of the given size from fd, waiting at most 2 s. */
 bool read_msg(int fd, void *buf, size_t len);
