@@ -5,11 +5,12 @@
 #                 with AddressSanitizer and UBSan, then the fuzzers
 #   make demo     run the main job and show what it does
 #   make bench    run the benchmarks
+#   make torture  long crash campaigns (the long-term store: 10,000 kills)
 #   make clean    remove the build directories
 
 BUILD ?= build
 
-.PHONY: all build check demo bench clean deps
+.PHONY: all build check demo bench torture clean deps
 
 all: build
 
@@ -28,6 +29,9 @@ demo: build
 
 bench: build
 	tools/bench.sh $(BUILD)
+
+torture: build
+	tools/lts-torture.sh $(BUILD)
 
 clean:
 	rm -rf build build-asan build-fuzz build-reports demo-root
