@@ -14,6 +14,7 @@ int sdbctl_heap(int argc, char **argv);
 int sdbctl_id(int argc, char **argv);
 int sdbctl_unit(int argc, char **argv);
 int sdbctl_barrier(int argc, char **argv);
+int sdbctl_lts(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "", sdbctl_status},
@@ -23,6 +24,7 @@ static const sdbctl_command commands[] = {
 	{"id", "show | generate [count]", sdbctl_id},
 	{"unit", "alloc type | release type number | dump type", sdbctl_unit},
 	{"barrier", "[-t seconds] [word ...]", sdbctl_barrier},
+	{"lts", "stats [--json] | get SID [--raw] | check", sdbctl_lts},
 	{nullptr, nullptr, nullptr},
 };
 
