@@ -144,7 +144,7 @@ int get(uint64_t sid, bool raw)
 int check(void)
 {
 	sdb_lts_check_report rep;
-	int rc = sdb_lts_check(&rep);
+	int rc = sdb_lts_check(&rep, 0);
 	printf("heads %" PRIu64 " sections %" PRIu64 " in heap %" PRIu64
 	    " longest chain %u problems %u\n", rep.heads, rep.sections,
 	    rep.heap_sections, rep.longest_chain, rep.problems);

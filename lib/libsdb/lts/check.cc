@@ -99,7 +99,7 @@ uint64_t get64(const void *p)
 
 } // namespace
 
-extern "C" int sdb_lts_check(sdb_lts_check_report *rep)
+extern "C" int sdb_lts_check(sdb_lts_check_report *rep, unsigned flags)
 {
 	memset(rep, 0, sizeof *rep);
 	if (sdb_lts_header_ptr() == nullptr || sdb_lts_data() == nullptr)
@@ -114,6 +114,8 @@ extern "C" int sdb_lts_check(sdb_lts_check_report *rep)
 		if (spare != 0 && !c.allocated(spare, SDB_LTS_MAX_RECORD))
 			c.problem("bucket %llu: spare block %llu not allocated",
 			    b, spare);
+		if ((flags & SDB_LTS_CHECK_STILL) == 0)
+			c.places.clear();
 		std::set<uint64_t> chain;
 		uint64_t off = get64(r->first_head);
 		uint32_t len = 0;

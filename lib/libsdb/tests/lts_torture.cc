@@ -176,10 +176,10 @@ int verify(shadow &sh, const std::vector<uint64_t> &sids)
 	return bad;
 }
 
-int store_check(void)
+int store_check(unsigned flags)
 {
 	sdb_lts_check_report rep;
-	if (sdb_lts_check(&rep) != 0) {
+	if (sdb_lts_check(&rep, flags) != 0) {
 		fprintf(stderr, "violation: store check: %s (%u problems)\n",
 		    rep.first_problem, rep.problems);
 		return 1;
@@ -203,7 +203,7 @@ int writer(int id, int k, unsigned seed, bool check)
 	shadow sh;
 	sh.path = log_path(id);
 	sh.load();
-	if (verify(sh, sids) != 0 || (check && store_check() != 0))
+	if (verify(sh, sids) != 0 || (check && store_check(0) != 0))
 		return 2;
 	sh.rewrite();
 	sh.fd = open(sh.path.c_str(), O_WRONLY | O_APPEND);
@@ -258,7 +258,7 @@ int check_all(int k)
 {
 	if (sdb_lts_store_open(0) != 0)
 		return 1;
-	int bad = store_check();
+	int bad = store_check(SDB_LTS_CHECK_STILL);
 	for (int id = 0; id < k; id++) {
 		shadow sh;
 		sh.path = log_path(id);

@@ -98,7 +98,7 @@ protected:
 	void expect_clean()
 	{
 		sdb_lts_check_report rep;
-		EXPECT_EQ(sdb_lts_check(&rep), 0) << rep.first_problem;
+		EXPECT_EQ(sdb_lts_check(&rep, SDB_LTS_CHECK_STILL), 0) << rep.first_problem;
 	}
 	uint32_t n = 0;
 };
@@ -248,7 +248,7 @@ TEST_F(Lts, DamagedChainsAreMendedOrRefusedNeverLooped)
 	get(4 + 3 * (uint64_t)n, SDB_TABLE_CLIENT, &rc);
 	EXPECT_EQ(rc, SDB_ERR_CORRUPT);
 	sdb_lts_check_report rep;
-	EXPECT_EQ(sdb_lts_check(&rep), SDB_ERR_CORRUPT);
+	EXPECT_EQ(sdb_lts_check(&rep, SDB_LTS_CHECK_STILL), SDB_ERR_CORRUPT);
 	EXPECT_NE(std::string(rep.first_problem).find("bucket 4"),
 	    std::string::npos) << rep.first_problem;
 	static_cast<sdb_lts_head *>(sdb_lts_map(ca, SDB_LTS_HEAD_SIZE))->next = 0;

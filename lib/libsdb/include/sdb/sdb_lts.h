@@ -133,7 +133,14 @@ int sdb_lts_stats_get(uint8_t *buf);
 int sdb_lts_store_open(int is_keel);
 void sdb_lts_store_close(void);
 
-/* The whole-store check of the chains, the heads and the heap. */
+/*
+ * The whole-store check of the chains, the heads and the heap.  Each
+ * bucket is checked under its lock; a place used twice is looked for
+ * within a bucket, and across buckets only with SDB_LTS_CHECK_STILL (no
+ * writer runs: a live writer may free a place and another take it between
+ * the visits of their buckets).
+ */
+#define SDB_LTS_CHECK_STILL	1
 struct sdb_lts_check_report {
 	uint64_t heads;
 	uint64_t sections;
@@ -142,7 +149,7 @@ struct sdb_lts_check_report {
 	uint32_t problems;
 	char first_problem[160];
 };
-int sdb_lts_check(struct sdb_lts_check_report *rep);
+int sdb_lts_check(struct sdb_lts_check_report *rep, unsigned flags);
 
 /* The session id scan index: a process-local hint of the used ids. */
 #define SDB_SII_LEVELS		5
