@@ -253,6 +253,29 @@ private:
 };
 
 /*
+ * The bucket of a session held and its head looked up: rc is 0 with the
+ * head's offset in f, or the code to give back (-7 for no head).
+ */
+struct held_session {
+	bucket_hold hold;
+	found f;
+	int rc;
+	explicit held_session(uint64_t sid) : hold(sid)
+	{
+		rc = hold.rc();
+		if (rc != 0)
+			return;
+		f = walk(sid);
+		rc = f.rc;
+		if (rc == 0 && f.off == 0) {
+			sdb_trace(SDB_TRACE_INFO, "cache get %llu, not found",
+			    (unsigned long long)sid);
+			rc = SDB_ERR_NOT_FOUND;
+		}
+	}
+};
+
+/*
  * The conflict test of a write of the client section (or its delete)
  * against the generation the transaction read.
  */
@@ -666,17 +689,10 @@ extern "C" int sdb_lts_section_read(uint64_t sid, sdb_lts_txn *txn,
 			return SDB_ERR_NOMEM;
 		memcpy(copy, r->list[slot].ptr, len);
 	} else {
-		bucket_hold hold(sid);
-		if (hold.rc() != 0)
-			return hold.rc();
-		found f = walk(sid);
-		if (f.rc != 0)
-			return f.rc;
-		if (f.off == 0) {
-			sdb_trace(SDB_TRACE_INFO, "cache get %llu, not found",
-			    (unsigned long long)sid);
-			return SDB_ERR_NOT_FOUND;
-		}
+		held_session hs(sid);
+		if (hs.rc != 0)
+			return hs.rc;
+		const found &f = hs.f;
 		head_t *h = head_at(f.off);
 		sdb_lts_desc d = h->desc[idx];
 		if (txn != nullptr && idx == SDB_TABLE_CLIENT &&
@@ -716,17 +732,10 @@ extern "C" int sdb_lts_section_delete(uint64_t sid, sdb_lts_txn *txn,
 	int idx = desc_index(table, blob);
 	if (idx < 0)
 		return SDB_ERR_NOT_FOUND;
-	bucket_hold hold(sid);
-	if (hold.rc() != 0)
-		return hold.rc();
-	found f = walk(sid);
-	if (f.rc != 0)
-		return f.rc;
-	if (f.off == 0) {
-		sdb_trace(SDB_TRACE_INFO, "cache get %llu, not found",
-		    (unsigned long long)sid);
-		return SDB_ERR_NOT_FOUND;
-	}
+	held_session hs(sid);
+	if (hs.rc != 0)
+		return hs.rc;
+	const found &f = hs.f;
 	head_t *h = head_at(f.off);
 	sdb_lts_desc old = h->desc[idx];
 	if (old.offset == 0)
@@ -763,14 +772,10 @@ extern "C" int sdb_lts_session_delete(uint64_t sid, sdb_lts_txn *txn)
 		return SDB_ERR_PARAM;
 	if (!ready())
 		return SDB_ERR_FATAL;
-	bucket_hold hold(sid);
-	if (hold.rc() != 0)
-		return hold.rc();
-	found f = walk(sid);
-	if (f.rc != 0)
-		return f.rc;
-	if (f.off == 0)
-		return SDB_ERR_NOT_FOUND;
+	held_session hs(sid);
+	if (hs.rc != 0)
+		return hs.rc;
+	const found &f = hs.f;
 	int rc = conflict_test(txn, head_at(f.off));
 	if (rc != 0)
 		return rc;
@@ -809,14 +814,10 @@ extern "C" int sdb_lts_client_apply(uint64_t sid, void *arg,
 		return SDB_ERR_PARAM;
 	if (!ready())
 		return SDB_ERR_FATAL;
-	bucket_hold hold(sid);
-	if (hold.rc() != 0)
-		return hold.rc();
-	found f = walk(sid);
-	if (f.rc != 0)
-		return f.rc;
-	if (f.off == 0)
-		return SDB_ERR_NOT_FOUND;
+	held_session hs(sid);
+	if (hs.rc != 0)
+		return hs.rc;
+	const found &f = hs.f;
 	sdb_lts_desc d = head_at(f.off)->desc[SDB_TABLE_CLIENT];
 	if (d.offset == 0)
 		return SDB_ERR_NOT_FOUND;
