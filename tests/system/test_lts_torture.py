@@ -32,24 +32,31 @@ class Writers:
         self.exe, self.env, self.rng = exe, env, rng
         self.procs = {}
 
-    def start(self, i, crash=None, check=False):
+    def spawn(self, i, crash=None, check=False):
         env = dict(self.env)
         if crash:
             env["TOLVAR_CRASH_AT"] = crash
         args = [self.exe, "writer", str(i), str(K),
                 str(self.rng.randrange(1 << 31))] + (["check"] if check else [])
-        p = subprocess.Popen(args, env=env, stdout=subprocess.PIPE,
-                             stderr=subprocess.PIPE, text=True)
+        self.procs[i] = subprocess.Popen(args, env=env, stdout=subprocess.PIPE,
+                                         stderr=subprocess.PIPE, text=True)
+        return self.procs[i]
+
+    def ready(self, i):
+        """Wait until writer i has verified what it owns."""
+        p = self.procs[i]
         ready, _, _ = select.select([p.stdout], [], [], TAKEOVER_LIMIT)
         if not ready:
-            p.kill()
             raise AssertionError(f"writer {i} did not take over in time")
         line = p.stdout.readline()
         if line != "verified\n":
             p.wait(timeout=30)
             raise AssertionError(f"writer {i}: {p.stderr.read()}")
-        self.procs[i] = p
         return p
+
+    def start(self, i, crash=None, check=False):
+        self.spawn(i, crash, check)
+        return self.ready(i)
 
     def kill(self, i):
         p = self.procs.pop(i)
@@ -74,23 +81,35 @@ def test_writers_killed_at_random_and_at_crash_points(root, tmp_path):
     try:
         for i in range(K):
             w.start(i)
-        for n in range(kills):
-            i = w.rng.randrange(K)
-            if n % 4 == 3:
-                # Restart the writer armed: it kills itself in the window.
+        n = cycle = 0
+        while n < kills:
+            cycle += 1
+            # Several writers die at once, so that their successors take
+            # the buckets over at the same time.
+            victims = w.rng.sample(range(K), w.rng.randint(1, K))
+            if cycle % 3 == 0:
+                # One comes back armed and kills itself in the window.
+                i = victims[0]
                 w.kill(i)
                 point = w.rng.choice(POINTS)
                 p = w.start(i, crash=f"{point}@{w.rng.randint(1, 5)}")
                 assert p.wait(timeout=120) == -signal.SIGKILL, point
                 w.procs.pop(i)
                 point_kills += 1
-            else:
-                time.sleep(w.rng.uniform(0, 0.01))
+                victims = victims[1:]
+                n += 2
+            time.sleep(w.rng.uniform(0, 0.01))
+            for i in victims:
                 w.kill(i)
-            w.start(i, check=(n % 50 == 49))
+            n += len(victims)
+            spawned = [i for i in range(K) if i not in w.procs]
+            for i in spawned:
+                w.spawn(i, check=(w.rng.randrange(50) == 0))
+            for i in spawned:
+                w.ready(i)
     finally:
         w.stop_all()
     r = subprocess.run([exe, "check", str(K)], env=env, capture_output=True,
                        text=True, timeout=300)
     assert r.returncode == 0, r.stderr
-    print(f"{kills} kills, {point_kills} at crash points: clean")
+    print(f"{n} kills, {point_kills} at crash points: clean")
