@@ -4,7 +4,7 @@
 set -e
 pkgs="cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
       libbenchmark-dev python3 python3-pytest iproute2 util-linux procps gdb
-      psmisc pkg-config"
+      psmisc pkg-config liblmdb-dev"
 missing=""
 for p in $pkgs; do
 	dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" ||

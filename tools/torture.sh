@@ -38,5 +38,8 @@ TOLVAR_BUILD="$build" TOLVAR_ID_MARGIN_RUNS=20 /usr/bin/python3 -m pytest -q \
 printf '\n=== mapped queue campaign ===\n'
 tools/mmcq-torture.sh "$build" || status=1
 
+printf '\n=== long-term store writers, 10,000 kills ===\n'
+tools/lts-torture.sh "$build" || status=1
+
 [ $status -eq 0 ] && echo "torture: passed" || echo "torture: FAILED"
 exit $status

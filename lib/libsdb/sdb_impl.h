@@ -106,6 +106,11 @@ bool sdb_lts_owner_alive(uint32_t pid);
 void sdb_kill_lock_holder(const char *what, uint32_t pid);
 void sdb_lts_note_mapping_failure(void);
 void sdb_lts_clear_stale_own(void);
+struct mmf *sdb_lts_data(void);
+/* The next session id word; without the segment, one above the highest
+ * id in the long-term store. */
+uint64_t sdb_lts_next_session_id(void);
+int sdb_lts_each_head(void (*fn)(void *arg, uint64_t sid), void *arg);
 uint32_t sdb_thread_id(void);
 uint64_t sdb_now_usecs(void);
 

@@ -20,6 +20,7 @@ int sdbctl_sts(int argc, char **argv);
 int sdbctl_limits(int argc, char **argv);
 int sdbctl_fpc(int argc, char **argv);
 int sdbctl_mmcq(int argc, char **argv);
+int sdbctl_lts(int argc, char **argv);
 
 static const sdbctl_command commands[] = {
 	{"status", "[--json]", sdbctl_status},
@@ -35,6 +36,7 @@ static const sdbctl_command commands[] = {
 	    "count LEVEL KEY COUNT | dump", sdbctl_limits},
 	{"fpc", "show [--json] [SLOT] | set SLOT FIELD VALUE", sdbctl_fpc},
 	{"mmcq", "name [--json]", sdbctl_mmcq},
+	{"lts", "stats [--json] | get SID [--raw] | check", sdbctl_lts},
 	{nullptr, nullptr, nullptr},
 };
 

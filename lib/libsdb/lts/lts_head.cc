@@ -13,6 +13,7 @@
  */
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -22,6 +23,7 @@
 
 #include "mmf/mmf.h"
 #include "platform/paths.h"
+#include "sdb/sdb_lts.h"
 #include "sdb_impl.h"
 
 namespace {
@@ -30,6 +32,7 @@ uint8_t *head_base;
 size_t head_len;
 int head_fd = -1;
 uint32_t bucket_count;
+mmf_t *lts_data;
 
 bool all_zero(const uint8_t *p, size_t len)
 {
@@ -204,14 +207,76 @@ void release_buckets_at_start(void)
 	}
 }
 
+/*
+ * The data heap.  keel makes it; a client that finds no file gets none
+ * rather than a fresh empty heap beside the header's rows.
+ */
+int open_data(bool is_keel)
+{
+	std::string path = sdb_store_path(SDB_LTS_DATA_FILE);
+	struct stat st;
+	if (!is_keel && stat(path.c_str(), &st) != 0) {
+		sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
+		    path.c_str(), strerror(errno));
+		return SDB_ERR_NOMEM;
+	}
+	const sdb_scale &sc = sdb_scale_get();
+	static constexpr uint32_t kb[] = {512, 1024, 2048, 4096, 8192, 10240,
+	    12288, 14336, 16384, 18432, 20480};
+	uint32_t sizes[std::size(kb)];
+	for (size_t i = 0; i < std::size(kb); i++)
+		sizes[i] = kb[i] - SDB_LTS_BLOCK_OVERHEAD;
+	bool created = false;
+	lts_data = mmf_create(SDB_LTS_DATA_FILE, sc.lts_max_bytes,
+	    (uint64_t)bucket_count * SDB_LTS_MAX_RECORD + sc.lts_grow_bytes,
+	    sc.lts_grow_bytes, false, sc.lts_region_bytes, sc.lts_max_regions,
+	    (uint8_t)std::size(sizes), sizes, 0, &created);
+	if (lts_data == nullptr) {
+		sdb_trace(SDB_TRACE_ERR, "Failed to open file %s, %s",
+		    path.c_str(), strerror(mmf_errno));
+		return SDB_ERR_NOMEM;
+	}
+	return 0;
+}
+
 } // namespace
+
+extern "C" int sdb_lts_store_open(int is_keel)
+{
+	if (head_base != nullptr)
+		return 0;
+	bucket_count = sdb_scale_get().bucket_count;
+	if (open_head(is_keel) != 0)
+		return SDB_ERR_NOMEM;
+	if (open_data(is_keel) != 0) {
+		sdb_lts_store_close();
+		return SDB_ERR_NOMEM;
+	}
+	return 0;
+}
+
+extern "C" void sdb_lts_store_close(void)
+{
+	if (head_base == nullptr)
+		return;
+	sdb_lts_scan_index_drop();
+	if (lts_data != nullptr)
+		mmf_close(lts_data);
+	lts_data = nullptr;
+	if (munmap(head_base, head_len) != 0)
+		sdb_trace(SDB_TRACE_ERR, "Failed to unmap data memory, %s",
+		    strerror(errno));
+	if (close(head_fd) != 0)
+		sdb_trace(SDB_TRACE_ERR, "Close head failed");
+	head_base = nullptr;
+	head_len = 0;
+	head_fd = -1;
+}
 
 int sdb_lts_init(bool is_keel)
 {
 	if (head_base == nullptr) {
-		const sdb_scale &sc = sdb_scale_get();
-		bucket_count = sc.bucket_count;
-		if (open_head(is_keel) != 0)
+		if (sdb_lts_store_open(is_keel) != 0)
 			return SDB_ERR_NOMEM;
 		sdb_lts_clear_stale_own();
 	}
@@ -231,16 +296,14 @@ void sdb_lts_close(void)
 	if (head_base == nullptr)
 		return;
 	sdb_trace(SDB_TRACE_INFO, "Close shared DB");
-	if (munmap(head_base, head_len) != 0)
-		sdb_trace(SDB_TRACE_ERR, "Failed to unmap data memory, %s",
-		    strerror(errno));
-	if (close(head_fd) != 0)
-		sdb_trace(SDB_TRACE_ERR, "Close head failed");
-	head_base = nullptr;
-	head_len = 0;
-	head_fd = -1;
+	sdb_lts_store_close();
 	sdb_mailbox_detach();
 	sdb_sts_close();
+}
+
+mmf_t *sdb_lts_data(void)
+{
+	return lts_data;
 }
 
 extern "C" sdb_lts_header *sdb_lts_header_ptr(void)
