@@ -95,9 +95,15 @@ def test_status_shows_both_engines(lab):
     import json
     ids = ids_of(lab, "re0", 3)
     assert wait_for(lambda: lab.id("re1") == ids[-1], timeout=GENEROUS)
-    views = {e: json.loads(lab("exec", e, "sdbctl", "status", "--json").stdout)
-             for e in ("re0", "re1")}
-    m, s = views["re0"], views["re1"]
+
+    def view(e):
+        return json.loads(lab("exec", e, "sdbctl", "status", "--json").stdout)
+
+    # The status file is refreshed once a second: wait for the view that
+    # has seen the records, rather than for the id word alone.
+    assert wait_for(lambda: view("re1")["records_received"] > 0 and
+                    view("re0")["records_sent"] > 0, timeout=GENEROUS)
+    m, s = view("re0"), view("re1")
     assert (m["role"], s["role"]) == ("Master", "Standby")
     assert m["link"] == s["link"] == "up"
     assert m["peer"] == "10.93.0.2" and s["peer"] == "10.93.0.1"

@@ -23,6 +23,21 @@
  *
  * id-margin covers what one busy master hands out between two polls and
  * while its last message is on the wire.  Ids may skip; they only grow.
+ *
+ * An engine that comes back to mastership after it lost it (heard_at was
+ * last set while it was master) does not know whether the other engine
+ * was master meanwhile.  If it was, that engine raised its own word by
+ * its margin, counted from the last bytes it had from us, which may be up
+ * to a keepalive period older than our heard_at, and then handed out ids
+ * at up to id-rate.  Its word is thus at most our word plus id-margin
+ * plus id-rate x (seconds since heard_at + that keepalive period), and we
+ * must land above it, not on it:
+ *
+ *	margin = 2 x id-margin + id-rate x (seconds since heard_at
+ *	    + TOLVARD_PEER_LAG_SECS)
+ *
+ * The same holds for a master whose standby was not in step: a master
+ * counts itself as current only while its link is up.
  */
 #include "tolvard.h"
 
@@ -116,6 +131,8 @@ int tolvard_id_margin_config(int check)
 void tolvard_id_margin_start(int64_t previous_heard_at)
 {
 	tolvard_state.heard_at = previous_heard_at;
+	tolvard_state.heard_as_master =
+	    (uint8_t)tolvard_status_previous_heard_as_master();
 	if (tolvard_state.role == role_master)
 		tolvard_state.id_margin_due = 1;
 }
@@ -129,6 +146,12 @@ uint64_t tolvard_id_margin_size(int64_t now)
 	/* A clock set back counts as no time at all; the margin stays. */
 	int64_t secs = now > tolvard_state.heard_at
 	    ? now - tolvard_state.heard_at : 0;
+	if (tolvard_state.heard_as_master) {
+		/* The other engine may have been master since: land above
+		 * its raised word and what it handed out after. */
+		margin = add_sat(margin, tolvard_state.id_margin);
+		secs += TOLVARD_PEER_LAG_SECS;
+	}
 	return add_sat(margin, mul_sat(tolvard_state.id_rate,
 	    static_cast<uint64_t>(secs)));
 }
@@ -159,6 +182,7 @@ void tolvard_id_margin_apply(void)
 	tolvard_state.id_margin_due = 0;
 	tolvard_state.id_margin_added = margin;
 	tolvard_state.heard_at = wall_now();
+	tolvard_state.heard_as_master = 1;
 	tolvard_trace(TRACE_DB, "Session id raised from %llu by %llu to %llu "
 	    "as new master", (unsigned long long)before,
 	    (unsigned long long)margin, (unsigned long long)sdb_id_get());
@@ -175,4 +199,5 @@ int tolvard_ids_open(void)
 void tolvard_heard(void)
 {
 	tolvard_state.heard_at = wall_now();
+	tolvard_state.heard_as_master = tolvard_state.role == role_master;
 }

@@ -76,6 +76,7 @@ lines collect(void)
 	out.emplace_back("id_margin_now", num(tolvard_id_margin_size(now)));
 	out.emplace_back("heard_at", num(static_cast<uint64_t>(
 	    s.heard_at > 0 ? s.heard_at : 0)));
+	out.emplace_back("heard_as", s.heard_as_master ? "master" : "standby");
 	out.emplace_back("records_sent", num(s.records_sent));
 	out.emplace_back("records_received", num(s.recv_msgs));
 	out.emplace_back("bytes_sent", num(ms != nullptr ? ms->ms_bytes_out : 0));
@@ -103,7 +104,8 @@ void status_tick(otimer_t *timer, void *arg)
 	(void)timer;
 	(void)arg;
 	struct tolvard_state &s = tolvard_state;
-	if (s.role == role_master && tolvard_ids_open())
+	/* A master is current only while its standby can follow it. */
+	if (s.role == role_master && tolvard_ids_open() && s.mirror_up)
 		tolvard_heard();
 	else if (s.role == role_standby && s.mirror_up && s.mirror_inited &&
 	    s.db_up && s.db_env != nullptr) {
@@ -127,6 +129,17 @@ int64_t tolvard_status_previous_heard_at(void)
 	while (std::getline(in, line))
 		if (line.rfind("heard_at=", 0) == 0)
 			return strtoll(line.c_str() + 9, nullptr, 10);
+	return 0;
+}
+
+/* Whether that heard_at was set while the previous process was master. */
+int tolvard_status_previous_heard_as_master(void)
+{
+	std::ifstream in(tolvar::path(TOLVARD_STATUS_FILE));
+	std::string line;
+	while (std::getline(in, line))
+		if (line.rfind("heard_as=", 0) == 0)
+			return line.compare(9, std::string::npos, "master") == 0;
 	return 0;
 }
 

@@ -144,6 +144,7 @@ struct tolvard_state {
 	uint8_t id_margin_due;		/* became master, margin not yet added */
 	uint64_t id_margin_added;	/* the last margin added */
 	int64_t heard_at;
+	uint8_t heard_as_master;	/* heard_at was set while master */
 	int config_errors;		/* of the last configuration read */
 
 	/* The status file and its counters (status.cc). */
@@ -222,6 +223,9 @@ void tolvard_issu_done(void *ctx);
 /* id_margin.cc: never an id twice across a change of master */
 #define TOLVARD_ID_RATE			10000000ULL
 #define TOLVARD_ID_MARGIN		10000000ULL	/* 1 s at the rate */
+/* How much older than ours the other engine's last news of us may be: its
+ * keepalive period, and a second for whole-second clocks. */
+#define TOLVARD_PEER_LAG_SECS		61
 #define TOLVARD_ID_MARGIN_UNKNOWN	3000000000ULL	/* 300 s at the rate */
 int tolvard_id_margin_config(int check);
 void tolvard_id_margin_start(int64_t previous_heard_at);
@@ -233,6 +237,7 @@ void tolvard_heard(void);
 /* status.cc: what the daemon shows of itself */
 #define TOLVARD_STATUS_FILE	"/var/run/tolvard.status"
 int64_t tolvard_status_previous_heard_at(void);
+int tolvard_status_previous_heard_as_master(void);
 void tolvard_status_init(void);
 void tolvard_status_write(void);
 void tolvard_status_dump(void);
