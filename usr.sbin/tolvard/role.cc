@@ -113,7 +113,7 @@ const char *lower_role_name(uint32_t role)
 	tolvard_server_close();
 	sleep_through_signals(TOLVARD_REBOOT_WAIT);
 	tolvard_event(TOLVARD_GRES_REBOOT_FAIL);
-	TOLVARD_EXIT(1);
+	TOLVARD_EXIT_AS("tolvard_mirror_mastership_change", 1);
 }
 
 /*
