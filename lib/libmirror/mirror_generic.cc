@@ -62,7 +62,7 @@ struct wakeup_pipe {
 } wpipe;
 
 void
-pipe_wakeup(evContext ctx, void *uap, int fd, int mask)
+mirror_generic_pipe_wakeup(evContext ctx, void *uap, int fd, int mask)
 {
 	(void)uap;
 	(void)mask;
@@ -82,7 +82,7 @@ pipe_wakeup(evContext ctx, void *uap, int fd, int mask)
 }
 
 void
-pipe_setup(evContext ctx)
+mirror_generic_pipe_setup(evContext ctx)
 {
 	if (wpipe.ready || wpipe.failed)
 		return;
@@ -91,7 +91,7 @@ pipe_setup(evContext ctx)
 		wpipe.failed = true;
 		return;
 	}
-	if (__evSelectFD(ctx, wpipe.fds[0], EV_READ, pipe_wakeup, nullptr,
+	if (__evSelectFD(ctx, wpipe.fds[0], EV_READ, mirror_generic_pipe_wakeup, nullptr,
 	    &wpipe.read_id) != 0) {
 		logging(LOG_CRIT, "%s: failed to setup pipe, errno = %d", __func__, errno);
 		close(wpipe.fds[0]);
@@ -112,7 +112,7 @@ deferred_block(evContext ctx, void *uap)
 }
 
 void
-pipe_send_wakeup(evContext ctx, wakeup_fn func, void *arg)
+mirror_generic_pipe_send_wakeup(evContext ctx, wakeup_fn func, void *arg)
 {
 	auto *b = new wakeup_block{func, arg};
 	if (!wpipe.ready || ctx.opaque != wpipe.ctx.opaque) {
@@ -180,7 +180,7 @@ select_write(mirror_task *task, bool on)
 }
 
 mirror_task *
-generic_task_alloc(const mirror_state *st, const char *name, int priority)
+mirror_generic_task_alloc(const mirror_state *st, const char *name, int priority)
 {
 	mirror_assert(st->mirror_eventlib_context.opaque != nullptr &&
 	    "state->mirror_eventlib_context");
@@ -193,7 +193,7 @@ generic_task_alloc(const mirror_state *st, const char *name, int priority)
 	task->event_context = st->mirror_eventlib_context;
 	task->timer_context = st->mirror_timer_context;
 	task->fd = -1;
-	pipe_setup(task->event_context);
+	mirror_generic_pipe_setup(task->event_context);
 	if (wpipe.ready && wpipe.ctx.opaque != task->event_context.opaque)
 		logging(LOG_ERR, "%s: multiple event contexts used (orig=%p, cur=%p)\n",
 		    __func__, wpipe.ctx.opaque, task->event_context.opaque);
@@ -376,7 +376,7 @@ void
 job_queue(mirror_job *job)
 {
 	job->flags |= MIRROR_JOB_QUEUED;
-	pipe_send_wakeup(job->task->event_context, job_run, job);
+	mirror_generic_pipe_send_wakeup(job->task->event_context, job_run, job);
 }
 
 void
@@ -475,7 +475,7 @@ generic_accept(mirror_task *task, int fd, mirror_addr **peer)
 	if (ss.ss_family == AF_UNIX)
 		*peer = mirror_addr_text("local");
 	else
-		*peer = mirror_addr_copy(mirror_sock2bfdd(reinterpret_cast<struct sockaddr *>(&ss), len));
+		*peer = mirror_addr_copy(sock2bfdd(reinterpret_cast<struct sockaddr *>(&ss), len));
 	return nfd;
 }
 
@@ -483,7 +483,7 @@ int
 generic_addr_local(mirror_task *task, const mirror_addr *addr)
 {
 	socklen_t len;
-	struct sockaddr *sa = mirror_sock2unix(addr, &len);
+	struct sockaddr *sa = sock2unix(addr, &len);
 	return bind(task->fd, sa, len) == 0 ? 0 : errno;
 }
 
@@ -587,7 +587,7 @@ generic_get_addr_local(mirror_task *task)
 	socklen_t len = sizeof(ss);
 	if (task->fd < 0 || getsockname(task->fd, reinterpret_cast<struct sockaddr *>(&ss), &len) != 0)
 		return nullptr;
-	return mirror_sock2bfdd(reinterpret_cast<struct sockaddr *>(&ss), len);
+	return sock2bfdd(reinterpret_cast<struct sockaddr *>(&ss), len);
 }
 
 mirror_addr *
@@ -598,7 +598,7 @@ generic_get_addr_remote(mirror_task *task)
 	if (task->fd < 0 || getpeername(task->fd, reinterpret_cast<struct sockaddr *>(&ss), &len) != 0 ||
 	    len == 0)
 		return nullptr;
-	return mirror_sock2bfdd(reinterpret_cast<struct sockaddr *>(&ss), len);
+	return sock2bfdd(reinterpret_cast<struct sockaddr *>(&ss), len);
 }
 
 void
@@ -634,7 +634,7 @@ accept_ready(evContext, void *uap, int fd, const void *, int, const void *ra, in
 		mirror_trace("failed accept %s\n", strerror(errno));
 		return;
 	}
-	const mirror_addr *peer = mirror_sock2bfdd(static_cast<const struct sockaddr *>(ra),
+	const mirror_addr *peer = sock2bfdd(static_cast<const struct sockaddr *>(ra),
 	    static_cast<socklen_t>(ralen));
 	if (task->accept_fn != nullptr)
 		task->accept_fn(task, fd, peer);
@@ -700,7 +700,7 @@ generic_connect(mirror_task *task, uint16_t port_net)
 		mirror_func->quit(errno);
 
 	socklen_t len;
-	struct sockaddr *sa = mirror_sock2unix(task->addr, &len);
+	struct sockaddr *sa = sock2unix(task->addr, &len);
 	if (__evConnect(task->event_context, task->fd, sa, static_cast<int>(len),
 	    connect_complete, task, &task->conn_id) != 0)
 		return errno;
@@ -846,7 +846,7 @@ generic_set_sa(mirror_task *task, const mirror_addr *)
 } // namespace
 
 const mirror_func_table mirror_generic = {
-	generic_task_alloc,
+	mirror_generic_task_alloc,
 	generic_task_create,
 	generic_task_delete,
 	generic_task_socket,
@@ -869,7 +869,7 @@ const mirror_func_table mirror_generic = {
 	generic_job_delete,
 	generic_job_data,
 	generic_accept,
-	generic_task_alloc,
+	mirror_generic_task_alloc,
 	generic_addr_local,
 	generic_lr_dynamic,
 	generic_set_option,

@@ -112,7 +112,7 @@ unlink_node(mirror_q_entry *mqp)
 }
 
 int
-op_common(mirror_data_node *node, uint8_t ack, uint8_t op)
+mirror_op_common(mirror_data_node *node, uint8_t ack, uint8_t op)
 {
 	mirror_assert(node != nullptr);
 	mirror_reg_entry *registry = mirror_registry(node->mdn_data_id);
@@ -618,19 +618,19 @@ mirror_operation_will_succeed(uint32_t data_id)
 int
 mirror_add(mirror_data_node *node, uint8_t ack)
 {
-	return op_common(node, ack, MIRROR_OP_ADD);
+	return mirror_op_common(node, ack, MIRROR_OP_ADD);
 }
 
 int
 mirror_delete(mirror_data_node *node, uint8_t ack)
 {
-	return op_common(node, ack, MIRROR_OP_DELETE);
+	return mirror_op_common(node, ack, MIRROR_OP_DELETE);
 }
 
 int
 mirror_update(mirror_data_node *node, uint8_t ack)
 {
-	return op_common(node, ack, MIRROR_OP_UPDATE);
+	return mirror_op_common(node, ack, MIRROR_OP_UPDATE);
 }
 
 void

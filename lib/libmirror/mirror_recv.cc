@@ -114,7 +114,7 @@ decode_job_stop()
 
 /* Queue the answer to a record that wanted one. */
 void
-return_ack(mirror_recvd_data *rd)
+mirror_return_ack(mirror_recvd_data *rd)
 {
 	auto *an = static_cast<mirror_ack_node *>(rd->ack_node);
 	if (!mirror_connected())
@@ -138,7 +138,7 @@ recv_data_flush(bool force)
 		if (rd == nullptr)
 			break;
 		if (rd->ack_node != nullptr)
-			return_ack(rd);
+			mirror_return_ack(rd);
 		mirror_reg_entry *e = mirror_registry(rd->data_id);
 		if (e != nullptr)
 			e->mirror_data_decode_func(rd);

@@ -102,6 +102,15 @@ extern "C" int mchassis_L3_ha_is_enabled(void)
 	return flag("l3_ha");
 }
 
+extern "C" int platform_redundancy_state(uint32_t *state)
+{
+	long v = platform_get_long("redundancy_state", -1);
+	if (state == nullptr || v < 0 || v > static_cast<long>(UINT32_MAX))
+		return -1;
+	*state = static_cast<uint32_t>(v);
+	return 0;
+}
+
 extern "C" int router_enhanced_bbe_support(void)
 {
 	return flag("enhanced_bbe");

@@ -130,7 +130,7 @@ options parse_options(int argc, char **argv)
 	if (errors > 0) {
 		fprintf(stderr, "tolvard: configuration check failed: %d "
 		    "error(s)\n", errors);
-		TOLVARD_EXIT(1);
+		TOLVARD_EXIT_AS("main", 1);
 	}
 	printf("tolvard: configuration OK, graceful switchover %s\n",
 	    tolvard_state.gres_configured ? "configured" : "not configured");
@@ -167,7 +167,7 @@ void create_event_context(void)
 		const char *why = strerror(errno);
 		tolvard_trace(TRACE_GENERAL, "Unable to create event context: %s", why);
 		tolvard_event(TOLVARD_EVENT_CTX_CREATE_FAILED, why);
-		TOLVARD_EXIT(1);
+		TOLVARD_EXIT_AS("main", 1);
 	}
 }
 
@@ -181,7 +181,7 @@ void daemonize(bool foreground)
 	 * /dev/null. */
 	if (daemon(0, 0) != 0) {
 		tolvard_event(TOLVARD_DAEMONIZE_FAILED, strerror(errno));
-		TOLVARD_EXIT(1);
+		TOLVARD_EXIT_AS("main", 1);
 	}
 }
 
@@ -189,7 +189,7 @@ void pid_file_update(int fd)
 {
 	if (pid_update(fd) != 0) {
 		tolvard_event(TOLVARD_PID_FILE_UPDATE, platform_progname());
-		TOLVARD_EXIT(1);
+		TOLVARD_EXIT_AS("main", 1);
 	}
 }
 

@@ -33,6 +33,8 @@
 #include <cstdlib>
 #include <ctime>
 
+static void issu_go_on_if_active(void);
+
 namespace {
 
 /*
@@ -111,7 +113,7 @@ const char *lower_role_name(uint32_t role)
 	tolvard_server_close();
 	sleep_through_signals(TOLVARD_REBOOT_WAIT);
 	tolvard_event(TOLVARD_GRES_REBOOT_FAIL);
-	TOLVARD_EXIT(1);
+	TOLVARD_EXIT_AS("tolvard_mirror_mastership_change", 1);
 }
 
 /*
@@ -412,6 +414,8 @@ int tolvard_rep_start(void)
 	 */
 	if (tolvard_state.role == role_standby && tolvard_state.rep_ready)
 		tolvard_info_send(TOLVARD_INFO_READY);
+	else if (tolvard_state.rep_ready)
+		issu_go_on_if_active();
 	else
 		tolvard_rep_ready_set(1);
 	if (tolvard_state.role == role_master &&
@@ -445,15 +449,34 @@ void tolvard_rep_ready_set(int ready)
 	tolvard_state.rep_ready = value;
 	tolvard_trace(TRACE_DB, "Replication %s ready", value ? "IS" : "IS NOT");
 	tolvard_status_write();
-	if (value && tolvard_state.keel_handle != nullptr) {
-		/* A waiting ISSU step goes on the moment we are ready. */
-		uint32_t step = keel_chassis_issu_state(tolvard_state.keel_handle);
-		if (step == KEEL_CHASSIS_DAEMON_ISSU_PREPARE ||
-		    step == KEEL_CHASSIS_DAEMON_SWITCHOVER_PREPARE)
-			keel_issu_ready(tolvard_state.keel_handle);
-	}
+	if (value)
+		issu_go_on_if_active();
 	if (tolvard_state.role == role_standby)
 		tolvard_info_send(value ? TOLVARD_INFO_READY : 0);
+}
+
+/*
+ * A waiting ISSU step goes on the moment replication is ready, and only
+ * then: with the flag alone, every database-ready callback would release
+ * it, also with no link, and the switchover behind it would leave a
+ * standby that holds nothing.  So ask for what the ISSU answers ask for,
+ * the flag together with the link, and check again when the link comes
+ * up with the flag already set.  Only a step the daemon still holds is
+ * answered, so keel never hears "ready" twice for one step.
+ */
+static void issu_go_on_if_active(void)
+{
+	keel_handle *h = tolvard_state.keel_handle;
+
+	if (h == nullptr || !tolvard_rep_active())
+		return;
+	uint32_t step = keel_chassis_issu_state(h);
+	if (step != KEEL_CHASSIS_DAEMON_ISSU_PREPARE &&
+	    step != KEEL_CHASSIS_DAEMON_SWITCHOVER_PREPARE)
+		return;
+	uint32_t ours = keel_daemon_issu_state(h);
+	if (ours == KEEL_ISSU_PREPARE || ours == KEEL_ISSU_SWITCHOVER_PREPARE)
+		keel_issu_ready(h);
 }
 
 void tolvard_poll_start(void)

@@ -357,6 +357,9 @@ TEST_F(Role, MasterToNoneWaitsThenFails)
 	ASSERT_NE(to_none, std::string::npos);
 	EXPECT_NE(ev.find("TOLVARD_GRES_REBOOT_FAIL", to_none), std::string::npos);
 	EXPECT_TRUE(saw("Switching from Master to None"));
+	/* The last line names the step that exits, not a helper of it. */
+	EXPECT_TRUE(saw("tolvard_mirror_mastership_change: line "));
+	EXPECT_TRUE(saw("exited with code 1"));
 }
 
 /* The local server ------------------------------------------------------ */

@@ -45,7 +45,7 @@ void install(int sig, void (*handler)(int), const char *name)
 	sa.sa_flags = SA_RESTART;
 	if (sigaction(sig, &sa, nullptr) != 0) {
 		tolvard_trace(TRACE_GENERAL, "Failed to create %s handler", name);
-		TOLVARD_EXIT(1);
+		TOLVARD_EXIT_AS("tolvard_signal_init", 1);
 	}
 }
 

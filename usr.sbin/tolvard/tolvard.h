@@ -174,6 +174,8 @@ void tolvard_timer_init(void);
 void tolvard_timer_assert(const char *message);
 [[noreturn]] void tolvard_exit(const char *function, int line, int code);
 #define TOLVARD_EXIT(code) tolvard_exit(__func__, __LINE__, (code))
+/* From a helper of a named step: the last trace line names the step. */
+#define TOLVARD_EXIT_AS(step, code) tolvard_exit((step), __LINE__, (code))
 
 /* config.cc */
 int tolvard_config_read(int check);

@@ -26,6 +26,9 @@ struct keel_script {
 	std::vector<double> register_times;
 	int handles = 0;
 	int unregisters = 0;
+	uint32_t chassis_issu = 0;	/* the last ISSU message of keel */
+	uint32_t daemon_issu = 0;	/* the daemon's own ISSU state */
+	int issu_ready = 0;		/* keel_issu_ready calls */
 } script;
 
 char fake_env;
@@ -85,8 +88,14 @@ int keel_unregister(keel_handle **hp)
 
 /* Readiness reports to keel: nothing here waits on them. */
 int keel_recovery_complete(keel_handle *) { return 0; }
-int keel_issu_ready(keel_handle *) { return 0; }
-uint32_t keel_chassis_issu_state(const keel_handle *) { return 0; }
+int keel_issu_ready(keel_handle *)
+{
+	script.issu_ready++;
+	script.daemon_issu = KEEL_ISSU_READY;
+	return 0;
+}
+uint32_t keel_chassis_issu_state(const keel_handle *) { return script.chassis_issu; }
+uint32_t keel_daemon_issu_state(const keel_handle *) { return script.daemon_issu; }
 
 const char *sdb_strerror(int code)
 {
@@ -328,6 +337,36 @@ TEST_F(DbOpen, LostEnvironmentIsForgotten)
 	tolvard_close();
 	EXPECT_EQ(tolvard_state.keel_handle, nullptr);
 	EXPECT_EQ(tolvard_state.db_up, 0);
+}
+
+/*
+ * An ISSU step that waits for replication goes on only with the link up:
+ * a database that comes back while the standby is away must not release
+ * it, and the link that comes up later, with the flag already set, does.
+ */
+TEST_F(DbOpen, IssuWaitsForTheLinkNotForTheDatabase)
+{
+	script.chassis_issu = KEEL_CHASSIS_DAEMON_ISSU_PREPARE;
+	script.daemon_issu = KEEL_ISSU_PREPARE;
+	tolvard_state.rep_ready = 0;
+	tolvard_state.mirror_up = 0;
+	tolvard_open();
+	ASSERT_EQ(tolvard_state.db_env, &fake_env);
+	EXPECT_EQ(tolvard_state.rep_ready, 1);
+	EXPECT_EQ(script.issu_ready, 0);
+
+	/* The link is up and the database registers again. */
+	tolvard_state.rep_ready = 0;
+	tolvard_state.mirror_up = 1;
+	tolvard_db_state_change(&tolvard_state, &fake_env);
+	EXPECT_EQ(script.issu_ready, 1);
+
+	/* One answer for one step, however often the flag is set again. */
+	tolvard_state.rep_ready = 0;
+	tolvard_db_state_change(&tolvard_state, &fake_env);
+	EXPECT_EQ(script.issu_ready, 1);
+	tolvard_state.mirror_up = 0;
+	tolvard_close();
 }
 
 } // namespace

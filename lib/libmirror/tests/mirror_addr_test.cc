@@ -15,7 +15,7 @@ TEST(MirrorAddr, Ipv4RoundTrip)
 	sin.sin_family = AF_INET;
 	sin.sin_port = htons(32006);
 	inet_pton(AF_INET, "10.99.0.2", &sin.sin_addr);
-	mirror_addr *a = mirror_sock2bfdd(reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin));
+	mirror_addr *a = sock2bfdd(reinterpret_cast<struct sockaddr *>(&sin), sizeof(sin));
 	EXPECT_EQ(a->ma_kind, MIRROR_ADDR_INET);
 	EXPECT_EQ(a->ma_len, MIRROR_ADDR_LEN_INET);
 	/* Two texts in one statement: each has its own buffer. */
@@ -26,7 +26,7 @@ TEST(MirrorAddr, Ipv4RoundTrip)
 	free(b);
 
 	socklen_t len;
-	auto *back = reinterpret_cast<struct sockaddr_in *>(mirror_sock2unix(a, &len));
+	auto *back = reinterpret_cast<struct sockaddr_in *>(sock2unix(a, &len));
 	ASSERT_EQ(len, sizeof(sin));
 	EXPECT_EQ(back->sin_family, AF_INET);
 	EXPECT_EQ(back->sin_port, sin.sin_port);
@@ -42,19 +42,19 @@ TEST(MirrorAddr, Ipv6AndComparison)
 	sin6.sin6_scope_id = 3;
 	inet_pton(AF_INET6, "fe80::1", &sin6.sin6_addr);
 	mirror_addr *a = mirror_addr_copy(
-	    mirror_sock2bfdd(reinterpret_cast<struct sockaddr *>(&sin6), sizeof(sin6)));
+	    sock2bfdd(reinterpret_cast<struct sockaddr *>(&sin6), sizeof(sin6)));
 	EXPECT_EQ(a->ma_kind, MIRROR_ADDR_INET6);
 	EXPECT_EQ(a->ma_addr4, 3u);
 	EXPECT_STREQ(mirror_addr_print(a), "fe80::1.1");
 
 	mirror_addr *b = mirror_addr_copy(a);
-	mirror_setsockport(b, htons(2));
-	EXPECT_TRUE(mirror_sockaddrcmp(a, b));	/* ports do not count */
+	setsockport(b, htons(2));
+	EXPECT_TRUE(sockaddrcmp(a, b));	/* ports do not count */
 	b->ma_addr6[15] = 2;
-	EXPECT_FALSE(mirror_sockaddrcmp(a, b));
+	EXPECT_FALSE(sockaddrcmp(a, b));
 
 	mirror_addr *v4 = mirror_addr_v4(htons(1), htonl(INADDR_LOOPBACK));
-	EXPECT_FALSE(mirror_sockaddrcmp(a, v4));
+	EXPECT_FALSE(sockaddrcmp(a, v4));
 	free(a);
 	free(b);
 	free(v4);
@@ -73,6 +73,6 @@ TEST(MirrorAddr, TextsForOddAddresses)
 	/* A family the helpers do not know gives an empty address, not a crash. */
 	struct sockaddr sa = {};
 	sa.sa_family = AF_UNIX;
-	EXPECT_EQ(mirror_sock2bfdd(&sa, sizeof(sa))->ma_kind, 0);
-	EXPECT_EQ(mirror_sock2bfdd(&sa, 1)->ma_kind, 0);
+	EXPECT_EQ(sock2bfdd(&sa, sizeof(sa))->ma_kind, 0);
+	EXPECT_EQ(sock2bfdd(&sa, 1)->ma_kind, 0);
 }

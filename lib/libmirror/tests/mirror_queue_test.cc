@@ -16,6 +16,7 @@
 
 #include <orx/mirror_data.h>
 #include <platform/ev.h>
+#include <platform/logging.h>
 #include <platform/paths.h>
 #include <platform/trace.h>
 
@@ -855,3 +856,36 @@ TEST(QueuesDeathTest, MisuseStopsTheProcess)
 		pump_until([] { return false; }, 10);
 	}, "mirror_tx_buffer_len != 0");
 }
+
+namespace {
+
+std::vector<std::string> system_log;
+
+/*
+ * A task on a second event context is told in the system log under the
+ * name of the function that allocates it, as an operator reads it.
+ */
+TEST_F(Queues, ASecondEventContextIsLoggedUnderTheAllocatorsName)
+{
+	evContext other;
+	ASSERT_EQ(__evCreate(&other), 0);
+	mirror_state st{};
+	st.mirror_eventlib_context = other;
+	st.mirror_timer_context = timers;
+	system_log.clear();
+	logging_register_logfunc([](int, const char *fmt, va_list ap) {
+		char buf[512];
+		vsnprintf(buf, sizeof(buf), fmt, ap);
+		system_log.emplace_back(buf);
+	});
+	mirror_task *task = mirror_generic.task_alloc(&st, "Other", 1);
+	logging_register_logfunc(nullptr);
+	ASSERT_NE(task, nullptr);
+	mirror_generic.task_delete(task);
+	__evDestroy(other);
+	ASSERT_EQ(system_log.size(), 1u);
+	EXPECT_EQ(system_log[0].rfind("mirror_generic_task_alloc: multiple event "
+	    "contexts used", 0), 0u) << system_log[0];
+}
+
+} // namespace

@@ -364,11 +364,19 @@ int
 keel_query_mastership(keel_handle *h)
 {
 	/*
-	 * With L3 HA the redundancy state would come from the routing
-	 * socket; this platform answers both questions from the chassis,
-	 * and a failed read counts as standby either way.
+	 * With L3 HA the redundancy state of the routing socket decides, and
+	 * a failed read counts as standby; otherwise the chassis role.  The
+	 * platform answers the routing socket's query from its file, so
+	 * there is no socket to open first.
 	 */
-	int master = nmchassis_is_generic_protocol_master() ? 1 : 0;
+	int master;
+	if (mchassis_L3_ha_is_enabled()) {
+		uint32_t state = 0;
+		master = (platform_redundancy_state(&state) == 0 &&
+		    state == 2) ? 1 : 0;
+	} else {
+		master = nmchassis_is_generic_protocol_master() ? 1 : 0;
+	}
 	keel_env()->set_mastership(master);
 	keel_info(h, "KEEL db: %s", master_name(master));
 	return master;

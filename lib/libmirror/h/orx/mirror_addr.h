@@ -1,10 +1,11 @@
 /*
  * Socket addresses as the mirror library keeps them, and their conversion
- * to and from system addresses.
+ * to and from system addresses.  The conversions are the daemon's
+ * (usr.sbin/tolvard/mirrorlib_helper.cc), built into the mirror library.
  *
  * A mirror_addr starts with its total length and its kind; the port is in
- * network order.  Results of mirror_sock2unix() and mirror_sock2bfdd() live
- * in a 2048-byte scratch ring and stay valid only until it wraps: use them
+ * network order.  Results of sock2unix() and sock2bfdd() live in a
+ * 2048-byte scratch ring and stay valid only until it wraps: use them
  * at once or copy them.  The others are allocated and freed with free().
  */
 #ifndef ORX_MIRROR_ADDR_H
@@ -44,12 +45,12 @@ static_assert(sizeof(mirror_addr) == MIRROR_ADDR_LEN_INET6);
 #endif
 
 /* A system address in the scratch ring; NULL for a kind it cannot hold. */
-struct sockaddr *mirror_sock2unix(const mirror_addr *addr, socklen_t *len);
+struct sockaddr *sock2unix(const mirror_addr *addr, socklen_t *len);
 /* A mirror_addr in the scratch ring, from as much of sa as len covers. */
-mirror_addr *mirror_sock2bfdd(const struct sockaddr *sa, socklen_t len);
+mirror_addr *sock2bfdd(const struct sockaddr *sa, socklen_t len);
 /* True when kind and address are equal; ports do not count. */
-int mirror_sockaddrcmp(const mirror_addr *a, const mirror_addr *b);
-void mirror_setsockport(mirror_addr *addr, uint16_t port_net);
+int sockaddrcmp(const mirror_addr *a, const mirror_addr *b);
+void setsockport(mirror_addr *addr, uint16_t port_net);
 /* Text in one of 10 rotating buffers. */
 const char *mirror_addr_print(const mirror_addr *addr);
 mirror_addr *mirror_addr_v4(uint16_t port_net, uint32_t addr_net);

@@ -13,10 +13,15 @@
  *   virtual_chassis       0 | 1                          0
  *   cluster               0 | 1                          0
  *   l3_ha                 0 | 1                          0
+ *   redundancy_state      number, 2 is master (l3_ha)    (none: read fails)
  *   enhanced_bbe          0 | 1                          0
  *   session_db            0 | 1 (platform has one)       1
  *   maxsockbuf            bytes                          2097152
  *   installed_mem_512b    0 | 1                          0
+ *
+ * redundancy_state stands in for the routing socket's redundancy state of
+ * an L3 HA system and is read only when l3_ha is set; keel reads role, so
+ * the two must agree there.
  */
 #ifndef PLATFORM_CHASSIS_H
 #define PLATFORM_CHASSIS_H
@@ -42,6 +47,12 @@ int  nmchassis_is_virtual_chassis(void);
 int  nmchassis_is_generic_protocol_master(void);
 int  mcontrol_re_is_master_reboot_pending(void);
 int  mchassis_L3_ha_is_enabled(void);
+/*
+ * Stand-in for the routing socket's redundancy state query of an L3 HA
+ * system: the value of "redundancy_state" into *state; 0, or -1 when the
+ * read fails (key missing or not a number).  State 2 means master.
+ */
+int  platform_redundancy_state(uint32_t *state);
 int  router_enhanced_bbe_support(void);
 
 /* Subset of sysctlbyname(3) for the names the system reads:

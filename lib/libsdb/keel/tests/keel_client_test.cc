@@ -63,6 +63,46 @@ TEST_F(KeelRegister, RegistersInOpenOrderAndSendsItsState)
 	EXPECT_EQ(keel_set_recovery_pending(h), -25);
 }
 
+/*
+ * With L3 HA the redundancy state decides, not the chassis role: state 2
+ * is master, anything else or a failed read is standby.  The master bit
+ * of the registration must agree with it.
+ */
+class KeelL3Ha : public KeelTest {
+protected:
+	void expect_master(const char *platform, bool master)
+	{
+		fake_keel k;
+		write_platform(platform);
+		ASSERT_EQ(keel_register(h), 0);
+		EXPECT_EQ(env().master, master ? 1 : 0);
+		EXPECT_TRUE(logged(master ? "KEEL db: Master" : "KEEL db: Standby"));
+		auto regs = k.registrations();
+		ASSERT_EQ(regs.size(), 1u);
+		EXPECT_EQ((regs[0].flags & KEEL_REG_MASTER) != 0, master);
+	}
+};
+
+TEST_F(KeelL3Ha, FailedReadIsStandbyWhateverTheRole)
+{
+	expect_master("role = master\nl3_ha = 1\n", false);
+}
+
+TEST_F(KeelL3Ha, StateOtherThanTwoIsStandby)
+{
+	expect_master("role = master\nl3_ha = 1\nredundancy_state = 1\n", false);
+}
+
+TEST_F(KeelL3Ha, StateTwoIsMasterWhateverTheRole)
+{
+	expect_master("role = standby\nl3_ha = 1\nredundancy_state = 2\n", true);
+}
+
+TEST_F(KeelL3Ha, WithoutL3HaTheRoleDecides)
+{
+	expect_master("role = standby\nredundancy_state = 2\n", false);
+}
+
 TEST_F(KeelRegister, SettersRefuseNullArguments)
 {
 	EXPECT_EQ(keel_set_event_context(h, nullptr), -25);

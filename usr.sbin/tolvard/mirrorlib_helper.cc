@@ -1,5 +1,6 @@
 /*
- * Address helpers of the mirror link.
+ * mirrorlib_helper: the daemon's socket address helpers, which the mirror
+ * link library is built with.
  *
  * The scratch ring: 2048 bytes allocated once, handed out in multiples of
  * 4 and aligned for a sockaddr_in6; an allocation that would run past the
@@ -44,7 +45,7 @@ int print_next;
 } // namespace
 
 extern "C" struct sockaddr *
-mirror_sock2unix(const mirror_addr *addr, socklen_t *len)
+sock2unix(const mirror_addr *addr, socklen_t *len)
 {
 	if (addr->ma_kind == MIRROR_ADDR_INET) {
 		auto *sin = static_cast<struct sockaddr_in *>(scratch_alloc(sizeof(sockaddr_in)));
@@ -67,7 +68,7 @@ mirror_sock2unix(const mirror_addr *addr, socklen_t *len)
 }
 
 extern "C" mirror_addr *
-mirror_sock2bfdd(const struct sockaddr *sa, socklen_t len)
+sock2bfdd(const struct sockaddr *sa, socklen_t len)
 {
 	auto *a = static_cast<mirror_addr *>(scratch_alloc(sizeof(mirror_addr)));
 	if (sa == nullptr || len < static_cast<socklen_t>(sizeof(sa_family_t)))
@@ -93,7 +94,7 @@ mirror_sock2bfdd(const struct sockaddr *sa, socklen_t len)
 }
 
 extern "C" int
-mirror_sockaddrcmp(const mirror_addr *a, const mirror_addr *b)
+sockaddrcmp(const mirror_addr *a, const mirror_addr *b)
 {
 	if (a->ma_kind != b->ma_kind)
 		return 0;
@@ -110,7 +111,7 @@ mirror_sockaddrcmp(const mirror_addr *a, const mirror_addr *b)
 }
 
 extern "C" void
-mirror_setsockport(mirror_addr *addr, uint16_t port_net)
+setsockport(mirror_addr *addr, uint16_t port_net)
 {
 	addr->ma_port = port_net;
 }
