@@ -273,7 +273,9 @@ bool adopt_check_finish(mmf_t *m, uint64_t size)
 	/* The check gives the grown space of an empty store back and cuts
 	 * the file: the size read before it would finish a grow beyond
 	 * the end of the file. */
-	size = std::max(file_size(m), si->current_bytes);
+	/* current_bytes sits at 4 mod 8 in the header: copy, never bind. */
+	const uint64_t current = si->current_bytes;
+	size = std::max(file_size(m), current);
 	uint64_t used = 0;
 	if (m->allocs_allowed && !lists_consistent(m, &used)) {
 		log_event("MMF_LISTS_REBUILT", "mmf_create", __LINE__,
