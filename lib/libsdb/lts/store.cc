@@ -104,7 +104,8 @@ bool plausible(uint64_t off, uint32_t len)
 /* A head at off, or null when off names no head (damage). */
 head_t *head_at(uint64_t off)
 {
-	if (!plausible(off, SDB_LTS_MAX_RECORD))
+	/* A damaged link may name any byte: a head is never misaligned. */
+	if (off % alignof(head_t) != 0 || !plausible(off, SDB_LTS_MAX_RECORD))
 		return nullptr;
 	auto *h = static_cast<head_t *>(sdb_lts_map(off, SDB_LTS_MAX_RECORD));
 	return h->self == off ? h : nullptr;
