@@ -337,7 +337,9 @@ int write_at(uint64_t off, int idx, const void *src, uint32_t len)
 		__m128i v = _mm_set_epi32(0, (int)(h->left - want),
 		    (int)(uint32_t)((place + want) >> 32),
 		    (int)(uint32_t)(place + want));
-		_mm_storeu_si128(reinterpret_cast<__m128i *>(&h->cursor), v);
+		/* Through the header's bytes: the member is packed. */
+		_mm_storeu_si128(reinterpret_cast<__m128i *>(
+		    reinterpret_cast<char *>(h) + offsetof(head_t, cursor)), v);
 		h->used += want;
 		memcpy(sdb_lts_map(place, cap), src, len);
 		h = head_at(off);
