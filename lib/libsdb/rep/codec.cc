@@ -165,14 +165,21 @@ struct reader {
 	const uint8_t *p;
 	size_t len;
 	size_t pos = 0;
+	bool bad = false;	/* a read ran past the end: the bytes are damaged */
 
 	size_t left() const
 	{
 		return len - pos;
 	}
+	/* Outside bytes: a read past the end gives 0 and marks the input bad. */
 	template <class T> T get()
 	{
-		T v;
+		T v{};
+		if (sizeof v > left()) {
+			bad = true;
+			pos = len;
+			return v;
+		}
 		memcpy(&v, p + pos, sizeof v);
 		pos += sizeof v;
 		return v;
@@ -323,7 +330,8 @@ long decode(sdb_sts_entry *e, int section, const uint8_t *p, size_t len,
 			if ((size_t)n * 8 > r.left() || n > SDB_REP_SERVICE_IDS_MAX)
 				return SDB_ERR_FATAL;
 			ids.resize(n);
-			memcpy(ids.data(), p + r.pos, (size_t)n * 8);
+			if (n > 0)
+				memcpy(ids.data(), p + r.pos, (size_t)n * 8);
 			have_ids = true;
 			r.pos = start + SDB_REP_BLOCK_HEAD_SIZE + blen;
 			continue;
@@ -371,6 +379,8 @@ long decode(sdb_sts_entry *e, int section, const uint8_t *p, size_t len,
 		}
 		if (rc != 0)
 			return rc;
+		if (r.bad)
+			return SDB_ERR_FATAL;
 	}
 	if (filtered && !bits_seen &&
 	    (section == SDB_REP_SECTION_CLIENT ||

@@ -1095,7 +1095,8 @@ extern "C" int sdb_sts_entry_set_service_ids(sdb_sts_entry *e,
 			return SDB_ERR_NOMEM;
 	}
 	memset(bytes(e, e->service_session_ids_offset), 0, want);
-	memcpy(bytes(e, e->service_session_ids_offset), ids, count * 8);
+	if (count > 0)
+		memcpy(bytes(e, e->service_session_ids_offset), ids, count * 8);
 	e->service_session_ids_count = (uint16_t)count;
 	e->dirty_flags |= SDB_DIRTY_SERVICE_LIST;
 	return 0;
