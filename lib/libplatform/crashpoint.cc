@@ -28,27 +28,27 @@ void arm_from_environment()
 	const char *env = std::getenv("TOLVAR_CRASH_AT");
 	if (env == nullptr || *env == '\0')
 		return;
-	std::string spec(env);
+	std::string want(env);
 	tolvar_crash_action action = TOLVAR_CRASH_KILL;
-	if (auto colon = spec.rfind(':'); colon != std::string::npos) {
-		if (spec.compare(colon, std::string::npos, ":stop") != 0)
+	if (auto colon = want.rfind(':'); colon != std::string::npos) {
+		if (want.compare(colon, std::string::npos, ":stop") != 0)
 			return;
 		action = TOLVAR_CRASH_STOP;
-		spec.resize(colon);
+		want.resize(colon);
 	}
 	unsigned count = 1;
-	if (auto at = spec.rfind('@'); at != std::string::npos) {
+	if (auto at = want.rfind('@'); at != std::string::npos) {
 		char *end = nullptr;
-		unsigned long n = std::strtoul(spec.c_str() + at + 1, &end, 10);
-		if (end == spec.c_str() + at + 1 || *end != '\0' || n == 0 ||
+		unsigned long n = std::strtoul(want.c_str() + at + 1, &end, 10);
+		if (end == want.c_str() + at + 1 || *end != '\0' || n == 0 ||
 		    n > 0xffffffffUL)
 			return;
 		count = static_cast<unsigned>(n);
-		spec.resize(at);
+		want.resize(at);
 	}
-	if (spec.empty())
+	if (want.empty())
 		return;
-	tolvar_crash_point_arm(spec.c_str(), count, action);
+	tolvar_crash_point_arm(want.c_str(), count, action);
 }
 
 /* Before main, so that a mark reached during static set-up is armed too. */
